@@ -1,0 +1,73 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+#include "platform/values/value.h"
+
+namespace vantor {
+
+// A persistent dictionary of property-list values kept in one binary
+// property-list file (the daemon's settings suite).
+//
+// Writes replace the file atomically (a temporary file in the same directory,
+// then rename), so a reader, or a process killed at any moment, sees either
+// the old or the new contents, never a mix; an acknowledged `setObject` is on
+// disk when it returns. The directory is not fsynced, so the last write may be
+// lost on power failure.
+//
+// A file that cannot be parsed, or whose top level is not a dictionary, is
+// moved aside (renamed to "<name>.corrupt-<unix seconds>", never deleted) and
+// the store starts empty; the reason is reported through `Diagnostics`, the
+// caller logs it. Not thread-safe by itself: the daemon touches it from one
+// serial queue only.
+class SettingsStore {
+ public:
+  struct Diagnostics {
+    std::string warning;  // empty when there was nothing to report
+  };
+
+  // Opens (and creates the directory of) the store file at `path`. Returns
+  // null with a reason in `diagnostics` when the directory cannot be created
+  // or written.
+  static std::unique_ptr<SettingsStore> open(const std::filesystem::path& path,
+                                             Diagnostics* diagnostics = nullptr);
+
+  // The stored value under `key`, or nullopt.
+  std::optional<Value> objectForKey(const std::string& key) const;
+
+  // Stores `value` under `key` (nullopt removes the key) and writes the file
+  // through. Returns false with a reason when the file could not be written;
+  // the in-memory contents then still hold the new value.
+  bool setObject(const std::string& key, std::optional<Value> value, std::string* error = nullptr);
+
+  // Re-reads the file when it changed on disk since it was last read or
+  // written (another writer, or a restore). Returns false with a reason when
+  // it was found corrupt (and moved aside).
+  bool synchronize(std::string* error = nullptr);
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  explicit SettingsStore(std::filesystem::path path);
+  bool load(std::string* error);
+  bool write(std::string* error);
+
+  struct FileStamp {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = -1;
+    long long mtimeNs = 0;
+    bool operator==(const FileStamp&) const = default;
+  };
+
+  std::filesystem::path path_;
+  Value::Dictionary contents_;
+  std::optional<FileStamp> stamp_;
+};
+
+}  // namespace vantor
