@@ -1,0 +1,36 @@
+// The client protocol's entry points. Calls that this build does not offer yet
+// are answered with NotSupported by the listener.
+
+#include "daemon/vantor.h"
+
+namespace vantor {
+
+void Vantor::clientCheckin(const std::string&, const ServiceEndpoint&, const Value&, CheckinReply) {
+  throw NotSupportedError("service check-in is not available in this version");
+}
+
+void Vantor::clientPurgeableSpace(const Value&, DictionaryReply) {
+  throw NotSupportedError("purgeable space is not available in this version");
+}
+
+void Vantor::clientItemizedPurgeableSpace(const Value&, DictionaryReply) {
+  throw NotSupportedError("itemized purgeable space is not available in this version");
+}
+
+void Vantor::clientPurge(const Value&, DictionaryReply) {
+  throw NotSupportedError("purge is not available in this version");
+}
+
+void Vantor::clientCancelPurge(EmptyReply) {
+  throw NotSupportedError("cancelling a purge is not available in this version");
+}
+
+void Vantor::clientSetState(const Value&, const Value&, EmptyReply) {
+  throw NotSupportedError("client state is not available in this version");
+}
+
+void Vantor::clientGetState(const Value&, ObjectReply) {
+  throw NotSupportedError("client state is not available in this version");
+}
+
+}  // namespace vantor

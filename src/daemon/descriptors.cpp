@@ -1,0 +1,152 @@
+// Descriptor files: the services known from start-up.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+#include "daemon/vantor.h"
+#include "platform/values/plist_io.h"
+#include "support/log.h"
+
+namespace vantor {
+
+namespace {
+
+constexpr char kScan[] = "-[Vantor scanPlistsAtPath:execBlock:]";
+constexpr char kStep[] = "-[Vantor init]_block_invoke";
+
+// Descriptors are small; anything larger is not one.
+constexpr std::size_t kMaxDescriptorBytes = 4 << 20;
+
+// Reads a whole regular file. Anything else (a directory, a fifo, a device)
+// is unreadable: opening a fifo for reading could block start-up for good.
+std::optional<std::vector<std::uint8_t>> readDescriptor(const std::filesystem::path& path,
+                                                        std::string* error) {
+  std::error_code ec;
+  auto status = std::filesystem::status(path, ec);
+  if (ec) {
+    *error = ec.message();
+    return std::nullopt;
+  }
+  if (!std::filesystem::is_regular_file(status)) {
+    *error = std::filesystem::is_directory(status) ? "Is a directory" : "Not a regular file";
+    return std::nullopt;
+  }
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (fd < 0) {
+    *error = std::system_category().message(errno);
+    return std::nullopt;
+  }
+  std::vector<std::uint8_t> bytes;
+  std::uint8_t chunk[16384];
+  for (;;) {
+    ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0) {
+      *error = std::system_category().message(errno);
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0)
+      break;
+    bytes.insert(bytes.end(), chunk, chunk + n);
+    if (bytes.size() > kMaxDescriptorBytes) {
+      *error = "File too large";
+      ::close(fd);
+      return std::nullopt;
+    }
+  }
+  ::close(fd);
+  return bytes;
+}
+
+}  // namespace
+
+void Vantor::scanPlistsAtPath(const std::string& path,
+                              const std::function<void(const Value&)>& execBlock) {
+  std::error_code ec;
+  std::filesystem::recursive_directory_iterator it(
+      path, std::filesystem::directory_options::skip_permission_denied, ec);
+  if (ec)
+    return;  // missing or unreadable directory: no entries
+  for (std::filesystem::recursive_directory_iterator end; it != end; it.increment(ec)) {
+    if (ec)
+      break;
+    const std::string relative = std::filesystem::relative(it->path(), path, ec).string();
+    const std::string full = path + "/" + (ec ? it->path().filename().string() : relative);
+    VANTOR_LOG(5, "%s looking at: %@", kScan, full.c_str());
+
+    std::string error;
+    auto bytes = readDescriptor(full, &error);
+    if (bytes) {
+      auto parsed = parsePlist(*bytes);
+      if (parsed.value && parsed.value->isDictionary()) {
+        execBlock(*parsed.value);
+        continue;
+      }
+      error = parsed.value ? std::string() : parsed.error;
+    }
+    // The error is absent when the file parsed but is not a dictionary.
+    VANTOR_LOG(3, "%s propertyListWithData failed: %@", kScan,
+               error.empty() ? nullptr : error.c_str());
+  }
+}
+
+void Vantor::addDescriptorService(const Value& descriptor) {
+  const Value* id = descriptor.find("VANTOR_ID");
+  if (id == nullptr || !id->isString())
+    return;
+  const std::string& identifier = *id->asString();
+
+  auto record = std::make_shared<VTService>();
+  record->setID(identifier);
+
+  // Without a list of kinds a service purges; an empty list means neither.
+  if (const Value* kinds = descriptor.find("VANTOR_SERVICES")) {
+    bool purge = false;
+    bool periodic = false;
+    if (const auto* list = kinds->asArray()) {
+      for (const Value& kind : *list) {
+        if (const auto* s = kind.asString()) {
+          purge = purge || *s == "PURGE";
+          periodic = periodic || *s == "PERIODIC";
+        }
+      }
+    }
+    record->setDoesPeriodic(periodic);
+    record->setDoesPurge(purge);
+  } else {
+    record->setDoesPurge(true);
+  }
+
+  // Presence alone counts, whatever the value.
+  if (descriptor.find("VANTOR_DO_NOT_QUERY") != nullptr) {
+    VANTOR_LOG(5, "%s marking %@ as DO_NOT_QUERY", kStep, identifier.c_str());
+    record->setDoNotQuery(true);
+  }
+
+  if (const Value* notifications = descriptor.find("VANTOR_NOTIFICATIONS")) {
+    // A set of names: duplicates collapse.
+    Value::Array names;
+    if (const auto* list = notifications->asArray()) {
+      for (const Value& name : *list) {
+        if (std::find(names.begin(), names.end(), name) == names.end())
+          names.push_back(name);
+      }
+    }
+    record->setDesiredNotifications(Value(names));
+    VANTOR_LOG(5, "%s %@ desiredNotifications: %@", kStep, identifier.c_str(),
+               Value(names).description().c_str());
+  }
+
+  services[identifier] = record;  // a later descriptor of the same ID wins
+  daemons.insert(identifier);
+}
+
+}  // namespace vantor

@@ -1,0 +1,143 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "platform/dispatch/queue.h"
+#include "platform/dispatch/semaphore.h"
+#include "platform/store/settings_store.h"
+#include "platform/values/value.h"
+#include "support/client_protocol.h"
+#include "support/listener.h"
+#include "support/service_record.h"
+
+namespace vantor {
+
+// Elapsed nanoseconds = (end ticks - start ticks) * gTimebaseConversion.
+// Set once by main before any work starts; 0.0 when the timebase is unknown.
+extern double gTimebaseConversion;
+
+class Vantor;
+
+// The one coordinator of the process, set once by main.
+extern std::shared_ptr<Vantor> sharedVantor;
+
+enum class InFlightChange { kRemove, kAdd };
+enum class OptOut { kQuery, kRecord };
+
+// The coordinator: owns every shared collection, the settings store, the five
+// serial queues and the listener, and is the object clients call.
+//
+// Every shared collection belongs to exactly one serial queue and is touched
+// only in blocks run on it (after start-up):
+//   services                                   operation_queue
+//   daemons                                    daemons_queue
+//   purgeableInFlight, purgeInFlight,
+//   periodicInFlight, optOuts                  collection_queue
+//   userDefaults (client state, recent info)   defaults_queue
+// The purge bookkeeping numbers are atomics read and written without a queue.
+// The class is declared here; each subsystem folder defines the methods it
+// owns.
+class Vantor final : public VantorClientProtocol, public std::enable_shared_from_this<Vantor> {
+ public:
+  using StringSet = std::set<std::string>;
+  using ServiceTable = std::map<std::string, std::shared_ptr<VTService>>;
+
+  struct Options {
+    // Overrides of ZEPHON_SIMULATOR_ROOT and STATE_DIRECTORY; unset reads the
+    // environment.
+    std::optional<std::string> root;
+    std::optional<std::string> stateDirectory;
+    // Whether to resume the listener on the bus (in-process tests do not).
+    bool listen = true;
+  };
+
+  // Creates and starts the coordinator: reads the descriptor files, opens the
+  // settings store, and resumes the listener. Never fails as a whole; a
+  // listener that could not take the bus name is reported in `listenError`.
+  static std::shared_ptr<Vantor> create(const Options& options, std::string* listenError = nullptr);
+  ~Vantor() override;
+
+  // --- properties ---------------------------------------------------------
+  std::unique_ptr<VantorListener> listener;
+  StringSet purgeableInFlight;
+  StringSet purgeInFlight;
+  StringSet periodicInFlight;
+  std::unique_ptr<SettingsStore> userDefaults;
+  ServiceTable services;
+  StringSet daemons;
+  Value::Dictionary default_values;
+  std::map<std::string, Date> optOuts;
+  dispatch::QueuePtr operation_queue;
+  dispatch::QueuePtr daemons_queue;
+  dispatch::QueuePtr collection_queue;
+  dispatch::QueuePtr defaults_queue;
+  std::atomic<bool> cancel{false};
+  std::string rootPath;
+  std::atomic<std::uint64_t> purge_amount_needed{0};
+  std::atomic<std::uint64_t> purge_amount_reported{0};
+  std::atomic<std::int32_t> purge_active_service_count{0};
+  std::atomic<std::int32_t> viable_purging_services{0};
+  std::atomic<std::int32_t> currentUrgency{0};
+  dispatch::QueuePtr purge_post_queue;
+  std::shared_ptr<dispatch::Semaphore> purge_semaphore() const;
+  void setPurge_semaphore(std::shared_ptr<dispatch::Semaphore> semaphore);
+
+  // The descriptor directory: rootPath followed by "/System/Library/Vantor/".
+  std::string plistDir() const;
+
+  // --- descriptor files and service records --------------------------------
+  // Calls `execBlock` with every descriptor below `path` (all depths, any
+  // name) whose contents are a property-list dictionary.
+  void scanPlistsAtPath(const std::string& path,
+                        const std::function<void(const Value&)>& execBlock);
+  // Turns one descriptor into a service record in `services` and its ID into
+  // `daemons`. Only for start-up, before the listener runs.
+  void addDescriptorService(const Value& descriptor);
+
+  // --- request info --------------------------------------------------------
+  // Null when `info` is acceptable, otherwise the error result.
+  std::optional<Value> _checkInfo(const Value& info) const;
+  // The urgency under `key`, 1 to 4, or 0 when absent or invalid.
+  std::int32_t urgencyFromInfo(const Value& info, const std::string& key) const;
+
+  // --- in-flight sets and opt-outs -----------------------------------------
+  // Atomic test-and-set on collection_queue; false when refused (adding an
+  // identifier already present, removing one not present).
+  bool updateInFlight(const std::string& identifier, StringSet& set, InFlightChange change);
+  std::uint64_t requestsInFlight(const StringSet& set);
+  // kRecord notes an opt-out now and answers false; kQuery answers whether
+  // the service opted out less than 120 seconds ago.
+  bool optOutService(const std::string& identifier, OptOut action);
+  // Services whose doesPurge is set. Must run on operation_queue.
+  std::int32_t purgingServices();
+
+  // --- client protocol -----------------------------------------------------
+  void clientCheckin(const std::string& serviceId, const ServiceEndpoint& endpoint,
+                     const Value& info, CheckinReply reply) override;
+  void clientPurgeableSpace(const Value& info, DictionaryReply reply) override;
+  void clientItemizedPurgeableSpace(const Value& info, DictionaryReply reply) override;
+  void clientPurge(const Value& info, DictionaryReply reply) override;
+  void clientCancelPurge(EmptyReply reply) override;
+  void clientSetState(const Value& value, const Value& key, EmptyReply reply) override;
+  void clientGetState(const Value& key, ObjectReply reply) override;
+
+  // Reads the entitlement policy below rootPath again and installs it.
+  void reloadEntitlementPolicy();
+
+ private:
+  Vantor() = default;
+  bool init(const Options& options, std::string* listenError);
+
+  mutable std::mutex semaphoreMutex_;
+  std::shared_ptr<dispatch::Semaphore> purgeSemaphore_;
+};
+
+}  // namespace vantor

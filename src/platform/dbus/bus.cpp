@@ -1,0 +1,99 @@
+#include "platform/dbus/bus.h"
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+namespace vantor::dbus {
+
+std::unique_ptr<sdbus::IConnection> openSystemBus() {
+  // sd-bus reads DBUS_SYSTEM_BUS_ADDRESS itself.
+  return sdbus::createSystemBusConnection();
+}
+
+BusDaemon::BusDaemon(sdbus::IConnection& connection)
+    : proxy_(sdbus::createProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")) {
+  proxy_->finishRegistration();
+}
+
+BusDaemon::~BusDaemon() = default;
+
+namespace {
+
+// Reads an unsigned number out of a credentials entry of any integer type.
+std::optional<std::uint64_t> readUnsigned(const sdbus::Variant& v) {
+  try {
+    const std::string type = v.peekValueType();
+    if (type == "u")
+      return v.get<std::uint32_t>();
+    if (type == "t")
+      return v.get<std::uint64_t>();
+    if (type == "i")
+      return static_cast<std::uint64_t>(v.get<std::int32_t>());
+    if (type == "x")
+      return static_cast<std::uint64_t>(v.get<std::int64_t>());
+  } catch (const sdbus::Error&) {
+  }
+  return std::nullopt;
+}
+
+struct PendingCredentials {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool done = false;
+  std::optional<PeerCredentials> result;
+};
+
+}  // namespace
+
+std::optional<PeerCredentials> BusDaemon::peerCredentials(const std::string& sender,
+                                                          std::chrono::milliseconds timeout) {
+  auto pending = std::make_shared<PendingCredentials>();
+  try {
+    proxy_->callMethodAsync("GetConnectionCredentials")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(sender)
+        .uponReplyInvoke(
+            [pending](const sdbus::Error* error, std::map<std::string, sdbus::Variant> entries) {
+              std::optional<PeerCredentials> creds;
+              if (error == nullptr) {
+                PeerCredentials c;
+                bool haveUid = false;
+                if (auto it = entries.find("UnixUserID"); it != entries.end()) {
+                  if (auto uid = readUnsigned(it->second)) {
+                    c.uid = static_cast<uid_t>(*uid);
+                    haveUid = true;
+                  }
+                }
+                if (auto it = entries.find("ProcessID"); it != entries.end()) {
+                  if (auto pid = readUnsigned(it->second))
+                    c.pid = static_cast<pid_t>(*pid);
+                }
+                if (auto it = entries.find("UnixGroupIDs"); it != entries.end()) {
+                  try {
+                    for (auto gid : it->second.get<std::vector<std::uint32_t>>()) {
+                      c.gids.push_back(static_cast<gid_t>(gid));
+                    }
+                  } catch (const sdbus::Error&) {
+                  }
+                }
+                if (haveUid)
+                  creds = std::move(c);
+              }
+              std::lock_guard lock(pending->mutex);
+              pending->result = std::move(creds);
+              pending->done = true;
+              pending->cv.notify_all();
+            });
+  } catch (const sdbus::Error&) {
+    return std::nullopt;
+  }
+  std::unique_lock lock(pending->mutex);
+  if (!pending->cv.wait_for(lock, timeout, [&] { return pending->done; }))
+    return std::nullopt;
+  return pending->result;
+}
+
+}  // namespace vantor::dbus

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+#include <sdbus-c++/IConnection.h>
+
+#include "support/client_connection.h"
+#include "support/client_protocol.h"
+
+namespace vantor {
+
+class ClientObject;
+
+// Accepts client calls on the system bus under the name com.tessaly.vantor
+// and hands each one to the exported object.
+//
+// Threads: the bus's event-loop thread only moves messages. Every call is
+// handed to a global-pool thread, where the caller's identity is looked up,
+// the required entitlements are checked, the caller becomes the thread's
+// current connection, and only then does the exported object's method run. A
+// caller lacking a required entitlement gets
+// org.freedesktop.DBus.Error.AccessDenied and the exported object never sees
+// the call.
+class VantorListener {
+ public:
+  static std::unique_ptr<VantorListener> daemonListenerWithExportedObject(
+      std::shared_ptr<VantorClientProtocol> exported);
+  ~VantorListener();
+
+  // Requires `name` of every caller. Call before `resume`.
+  void addRequiredEntitlement(const std::string& name);
+
+  // Connects to the bus, exports the client interface and takes the bus name.
+  // Returns false with a reason when any of that fails.
+  bool resume(std::string* error);
+
+  // Emits the Posted signal with `name`. Returns 0, or -1 with errno set when
+  // the listener is not connected or the signal could not be sent.
+  int postNotification(const std::string& name);
+
+  // The bus connection, once resumed; null before.
+  sdbus::IConnection* connection() const { return connection_.get(); }
+
+  // Runs one client call: resolves the caller, checks entitlements, sets the
+  // current connection and calls `body`; `deny` answers a refused caller.
+  // Used by the exported D-Bus object on pool threads.
+  void admit(const std::string& sender, const std::function<void()>& body,
+             const std::function<void()>& deny);
+
+  VantorClientProtocol& exported() { return *exported_; }
+
+ private:
+  explicit VantorListener(std::shared_ptr<VantorClientProtocol> exported);
+  std::shared_ptr<const ClientConnection> connectionFor(const std::string& sender);
+
+  std::shared_ptr<VantorClientProtocol> exported_;
+  std::set<std::string> required_;
+  std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<dbus::BusDaemon> busDaemon_;
+  std::unique_ptr<ClientObject> object_;
+
+  std::mutex cacheMutex_;
+  std::unordered_map<std::string, std::shared_ptr<const ClientConnection>> cache_;
+};
+
+// Emits the Posted signal through the listener that was resumed last, and
+// tells systemd the daemon is ready when NOTIFY_SOCKET is set. Returns 0, or
+// -1 with errno set when no listener is connected.
+int notifyPost(const std::string& name);
+
+}  // namespace vantor

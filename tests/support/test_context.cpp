@@ -1,0 +1,287 @@
+#include "support/test_context.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/values/plist_io.h"
+#include "support/log.h"
+
+namespace vantor::test {
+
+namespace {
+
+int pidfdOpen(pid_t pid) {
+  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "vantor-test-XXXXXX").string();
+  char* made = ::mkdtemp(pattern.data());
+  if (made == nullptr)
+    throw std::runtime_error("mkdtemp failed");
+  path_ = made;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv,
+                           const std::map<std::string, std::string>& env,
+                           const std::filesystem::path& logFile) {
+  pid_ = ::fork();
+  if (pid_ < 0)
+    throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    int fd = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd >= 0) {
+      ::dup2(fd, STDERR_FILENO);
+      ::dup2(fd, STDOUT_FILENO);
+    }
+    for (const auto& [name, value] : env)
+      ::setenv(name.c_str(), value.c_str(), 1);
+    std::vector<char*> args;
+    for (const auto& a : argv)
+      args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  pidfd_ = pidfdOpen(pid_);
+}
+
+ChildProcess::~ChildProcess() {
+  if (!status_) {
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+  }
+  if (pidfd_ >= 0)
+    ::close(pidfd_);
+}
+
+void ChildProcess::signal(int sig) {
+  if (!status_)
+    ::kill(pid_, sig);
+}
+
+std::optional<int> ChildProcess::waitExit(std::chrono::milliseconds timeout) {
+  if (status_)
+    return status_;
+  struct pollfd pfd {
+    pidfd_, POLLIN, 0
+  };
+  if (::poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0)
+    return std::nullopt;
+  int status = 0;
+  if (::waitpid(pid_, &status, 0) != pid_)
+    return std::nullopt;
+  status_ = status;
+  return status_;
+}
+
+PrivateBus::PrivateBus(const std::filesystem::path& logFile) {
+  // The bus prints its address on a pipe once it listens.
+  int fds[2];
+  if (::pipe2(fds, 0) != 0)
+    throw std::runtime_error("pipe failed");
+  const std::string config = std::string(VANTOR_TEST_FIXTURES_DIR) + "/bus.conf";
+  process_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{"/usr/bin/dbus-daemon", "--config-file=" + config, "--nofork",
+                               "--print-address=" + std::to_string(fds[1])},
+      std::map<std::string, std::string>{}, logFile);
+  ::close(fds[1]);
+  std::string text;
+  char buffer[512];
+  struct pollfd pfd {
+    fds[0], POLLIN, 0
+  };
+  while (text.find('\n') == std::string::npos && ::poll(&pfd, 1, 10000) > 0) {
+    ssize_t n = ::read(fds[0], buffer, sizeof buffer);
+    if (n <= 0)
+      break;
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fds[0]);
+  if (text.find('\n') == std::string::npos)
+    throw std::runtime_error("dbus-daemon did not start");
+  address_ = text.substr(0, text.find('\n'));
+}
+
+void SignalWatch::record(const std::string& what) {
+  std::lock_guard lock(mutex_);
+  seen_.push_back(what);
+  cv_.notify_all();
+}
+
+bool SignalWatch::waitFor(const std::string& what, std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return cv_.wait_for(lock, timeout, [&] {
+    for (const auto& s : seen_) {
+      if (s == what)
+        return true;
+    }
+    return false;
+  });
+}
+
+TestContext::TestContext() : root_(dir_.path() / "root"), stateDir_(dir_.path() / "state") {
+  std::filesystem::create_directories(descriptorDir());
+  std::filesystem::create_directories(policyDir());
+  bus_ = std::make_unique<PrivateBus>(dir_.path() / "bus.log");
+  watcher_ = connect();
+  watcher_->addMatch(
+      "type='signal',interface='com.tessaly.vantor.Notify',member='Posted'",
+      [this](sdbus::Message& msg) {
+        std::string name;
+        msg >> name;
+        watch_.record("Posted:" + name);
+      },
+      sdbus::floating_slot);
+  watcher_->addMatch(
+      "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged'",
+      [this](sdbus::Message& msg) {
+        std::string name, oldOwner, newOwner;
+        msg >> name >> oldOwner >> newOwner;
+        watch_.record("NameOwnerChanged:" + name + ":" + (newOwner.empty() ? "" : "owned"));
+      },
+      sdbus::floating_slot);
+}
+
+TestContext::~TestContext() {
+  daemon_.reset();
+  watcher_.reset();
+}
+
+void TestContext::writeFile(const std::filesystem::path& path, const std::string& bytes) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << bytes;
+}
+
+void TestContext::writeDescriptor(const std::string& name, const Value& descriptor) {
+  auto bytes = encodePlist(descriptor, PlistFormat::kXml);
+  writeFile(descriptorDir() / name, std::string(bytes.begin(), bytes.end()));
+}
+
+void TestContext::grantUser(const std::string& file, uid_t uid,
+                            const std::vector<std::string>& names) {
+  Value::Array granted;
+  for (const auto& n : names)
+    granted.emplace_back(n);
+  Value policy(Value::Dictionary{
+      {"Users", Value(Value::Array{Value(std::to_string(uid))})},
+      {"com.tessaly.private.Vantor", Value(granted)},
+  });
+  auto bytes = encodePlist(policy, PlistFormat::kXml);
+  writeFile(policyDir() / file, std::string(bytes.begin(), bytes.end()));
+}
+
+std::unique_ptr<sdbus::IConnection> TestContext::connect() {
+  auto connection = sdbus::createSessionBusConnectionWithAddress(bus_->address());
+  connection->enterEventLoopAsync();
+  return connection;
+}
+
+bool TestContext::startDaemon(const std::map<std::string, std::string>& extraEnv) {
+  std::map<std::string, std::string> env{
+      {"DBUS_SYSTEM_BUS_ADDRESS", bus_->address()},
+      {"ZEPHON_SIMULATOR_ROOT", root_.string()},
+      {"STATE_DIRECTORY", stateDir_.string()},
+      {"VANTOR_LOG_LEVEL", "5"},
+  };
+  for (const auto& [k, v] : extraEnv)
+    env[k] = v;
+  daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{VANTORD_BINARY}, env,
+                                           dir_.path() / "vantord.log");
+  const bool owned =
+      watch_.waitFor("NameOwnerChanged:com.tessaly.vantor:owned", std::chrono::seconds(20));
+  EXPECT_TRUE(owned) << "vantord did not take its bus name; log:\n" << daemonLog();
+  return owned;
+}
+
+std::string TestContext::daemonLog() const {
+  std::ifstream in(dir_.path() / "vantord.log");
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string callForError(sdbus::IConnection& connection, const std::string& method,
+                         const std::function<void(sdbus::MethodCall&)>& addArgs) {
+  auto proxy = sdbus::createProxy(connection, "com.tessaly.vantor", "/com/tessaly/vantor");
+  auto call = proxy->createMethodCall("com.tessaly.vantor.Client", method);
+  if (addArgs)
+    addArgs(call);
+  try {
+    proxy->callMethod(call, 10'000'000);
+  } catch (const sdbus::Error& e) {
+    return e.getName();
+  }
+  return "";
+}
+
+namespace {
+
+struct CapturedLines {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+};
+
+CapturedLines& captured() {
+  static auto* c = new CapturedLines;
+  return *c;
+}
+
+void captureLine(const LogHandle*, int level, const char*, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string text = formatLogText(format, args);
+  va_end(args);
+  std::lock_guard lock(captured().mutex);
+  captured().lines.push_back("<" + std::to_string(level) + ">" + text);
+}
+
+}  // namespace
+
+LogCapture::LogCapture() {
+  clear();
+  gMOLogWrite.store(&captureLine);
+}
+
+LogCapture::~LogCapture() {
+  gMOLogWrite.store(&writeLogLine);
+}
+
+std::vector<std::string> LogCapture::lines() const {
+  std::lock_guard lock(captured().mutex);
+  return captured().lines;
+}
+
+bool LogCapture::contains(const std::string& text) const {
+  for (const auto& line : lines()) {
+    if (line.find(text) != std::string::npos)
+      return true;
+  }
+  return false;
+}
+
+void LogCapture::clear() {
+  std::lock_guard lock(captured().mutex);
+  captured().lines.clear();
+}
+
+}  // namespace vantor::test
