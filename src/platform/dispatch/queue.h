@@ -72,6 +72,9 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 
   explicit SerialQueue(std::string label);
   void scheduleDrainLocked();
+  // Called by the owner of the queue when it is done with it: passes ownership
+  // to the sync caller at the head, to a new drainer, or to nobody.
+  void handOnLocked();
   void drain();
 
   const std::string label_;

@@ -1,0 +1,329 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/dispatch/global_pool.h"
+#include "platform/dispatch/group.h"
+#include "platform/dispatch/queue.h"
+#include "platform/dispatch/semaphore.h"
+#include "platform/dispatch/time.h"
+
+namespace vantor::dispatch {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Deadline for things that must happen; generous, since sanitizers are slow.
+Deadline soon() {
+  return after(10s);
+}
+// Deadline for things that must not happen: long enough to give them a chance.
+Deadline shortly() {
+  return after(50ms);
+}
+
+// Records whether two blocks ever ran at the same time.
+class OverlapDetector {
+ public:
+  void run(const std::function<void()>& body) {
+    if (inside_.fetch_add(1) != 0) {
+      overlapped_ = true;
+    }
+    body();
+    inside_.fetch_sub(1);
+  }
+  bool overlapped() const { return overlapped_; }
+
+ private:
+  std::atomic<int> inside_{0};
+  std::atomic<bool> overlapped_{false};
+};
+
+TEST(SerialQueue, RunsBlocksInSubmissionOrder) {
+  constexpr int kThreads = 8;
+  constexpr int kPerThread = 300;
+  auto queue = SerialQueue::create("test.fifo");
+  OverlapDetector overlap;
+  std::vector<std::pair<int, int>> ran;  // touched only on the queue
+  std::vector<std::thread> submitters;
+  for (int t = 0; t < kThreads; ++t) {
+    submitters.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        queue->async([&, t, i] { overlap.run([&] { ran.emplace_back(t, i); }); });
+      }
+    });
+  }
+  for (auto& thread : submitters) {
+    thread.join();
+  }
+  const auto seen = queue->syncResult([&] { return ran; });
+
+  ASSERT_EQ(seen.size(), std::size_t{kThreads * kPerThread});
+  std::vector<int> next(kThreads, 0);
+  for (const auto& [thread, index] : seen) {
+    ASSERT_EQ(index, next[thread]) << "submitter " << thread;
+    ++next[thread];
+  }
+  EXPECT_FALSE(overlap.overlapped());
+}
+
+TEST(SerialQueue, SuspensionHoldsBackBlocksUntilEverySuspendIsResumed) {
+  auto queue = SerialQueue::create("test.suspend");
+  Semaphore started, release, firstDone, ran;
+  queue->async([&] {
+    started.signal();
+    release.wait();
+    firstDone.signal();
+  });
+  queue->async([&] { ran.signal(); });
+  ASSERT_TRUE(started.wait(soon()));
+  queue->suspend();
+  queue->suspend();
+  queue->async([&] { ran.signal(); });  // submitted while suspended
+  release.signal();
+  EXPECT_TRUE(firstDone.wait(soon())) << "the running block finishes";
+  EXPECT_FALSE(ran.wait(shortly()));
+  queue->resume();
+  EXPECT_FALSE(ran.wait(shortly())) << "one resume must not undo two suspends";
+  queue->resume();
+  EXPECT_TRUE(ran.wait(soon()));
+  EXPECT_TRUE(ran.wait(soon()));
+}
+
+TEST(SerialQueue, ConcurrentSyncAndAsyncAllRunOneAtATime) {
+  constexpr int kThreads = 8;
+  constexpr int kRounds = 200;
+  auto queue = SerialQueue::create("test.sync-mix");
+  OverlapDetector overlap;
+  int count = 0;  // touched only on the queue
+  std::atomic<bool> syncOffCaller{false};
+  std::vector<std::thread> callers;
+  for (int t = 0; t < kThreads; ++t) {
+    callers.emplace_back([&] {
+      const auto self = std::this_thread::get_id();
+      for (int i = 0; i < kRounds; ++i) {
+        queue->async([&] { overlap.run([&] { ++count; }); });
+        queue->sync([&] {
+          overlap.run([&] { ++count; });
+          if (std::this_thread::get_id() != self) {
+            syncOffCaller = true;
+          }
+        });
+      }
+    });
+  }
+  for (auto& thread : callers) {
+    thread.join();
+  }
+  EXPECT_EQ(queue->syncResult([&] { return count; }), 2 * kThreads * kRounds);
+  EXPECT_FALSE(overlap.overlapped());
+  EXPECT_FALSE(syncOffCaller) << "sync must run the block on the calling thread";
+}
+
+TEST(SerialQueue, SyncWaitsForEarlierBlocksAndCarriesResultsOut) {
+  auto queue = SerialQueue::create("test.sync-result");
+  int value = 0;
+  queue->async([&] {
+    std::this_thread::sleep_for(20ms);
+    value = 42;
+  });
+  EXPECT_EQ(queue->syncResult([&] { return value; }), 42);
+
+  auto owned = queue->syncResult([] { return std::make_unique<int>(7); });
+  ASSERT_NE(owned, nullptr);
+  EXPECT_EQ(*owned, 7);
+}
+
+TEST(SerialQueue, SyncOnSuspendedQueueWaitsForResume) {
+  auto queue = SerialQueue::create("test.sync-suspended");
+  queue->suspend();
+  Semaphore done;
+  std::atomic<bool> ran{false};
+  std::thread caller([&] {
+    queue->sync([&] { ran = true; });
+    done.signal();
+  });
+  EXPECT_FALSE(done.wait(shortly()));
+  EXPECT_FALSE(ran);
+  queue->resume();
+  EXPECT_TRUE(done.wait(soon()));
+  caller.join();
+  EXPECT_TRUE(ran);
+}
+
+TEST(SerialQueue, ThrowingSyncBlockReleasesTheQueue) {
+  auto queue = SerialQueue::create("test.sync-throw");
+  EXPECT_THROW(queue->sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
+  Semaphore ran;
+  queue->async([&] { ran.signal(); });
+  EXPECT_TRUE(ran.wait(soon()));
+}
+
+TEST(SerialQueue, IsCurrentOnlyWhileRunningItsBlocks) {
+  auto outer = SerialQueue::create("test.outer");
+  auto inner = SerialQueue::create("test.inner");
+  EXPECT_FALSE(outer->isCurrent());
+  Semaphore onPoolThread;
+  outer->async([&] {
+    outer->assertCurrent("async block");
+    if (!inner->isCurrent()) {
+      onPoolThread.signal();
+    }
+  });
+  EXPECT_TRUE(onPoolThread.wait(soon()));
+  const bool bothInNestedSync = outer->syncResult(
+      [&] { return inner->syncResult([&] { return inner->isCurrent() && outer->isCurrent(); }); });
+  EXPECT_TRUE(bothInNestedSync);
+  EXPECT_FALSE(outer->isCurrent());
+}
+
+TEST(SerialQueueDeathTest, SyncOntoOwnQueueAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto queue = SerialQueue::create("test.reentrant");
+  EXPECT_DEATH(queue->sync([&] { queue->sync([] {}); }),
+               "sync onto queue 'test.reentrant' from a block running on it would deadlock");
+
+  auto other = SerialQueue::create("test.other");
+  EXPECT_DEATH(
+      {
+        Semaphore never;
+        queue->async([&] { other->sync([&] { queue->sync([] {}); }); });
+        never.wait(soon());
+      },
+      "sync onto queue 'test.reentrant'");
+}
+
+TEST(SerialQueueDeathTest, AssertCurrentOffQueueAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto queue = SerialQueue::create("test.assert");
+  auto other = SerialQueue::create("test.elsewhere");
+  EXPECT_DEATH(queue->assertCurrent("Tester::poke"), "Tester::poke.*'test.assert'");
+  EXPECT_DEATH(other->sync([&] { queue->assertCurrent("Tester::poke"); }),
+               "Tester::poke.*'test.assert'");
+}
+
+TEST(SerialQueueDeathTest, ResumeWithoutSuspendAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto queue = SerialQueue::create("test.resume");
+  EXPECT_DEATH(queue->resume(), "'test.resume'.*not suspended");
+}
+
+TEST(GlobalPool, KeepsRunningBlocksWhileManyThreadsBlock) {
+  constexpr int kBlocked = 100;
+  auto gate = std::make_shared<Semaphore>();
+  auto started = std::make_shared<Semaphore>();
+  auto finished = std::make_shared<Semaphore>();
+  for (int i = 0; i < kBlocked; ++i) {
+    globalAsync([=] {
+      started->signal();
+      gate->wait();
+      finished->signal();
+    });
+  }
+  for (int i = 0; i < kBlocked; ++i) {
+    ASSERT_TRUE(started->wait(soon())) << "only " << i << " blocks started";
+  }
+  EXPECT_GE(globalPoolStats().threads, std::size_t{kBlocked});
+
+  Semaphore ran;
+  globalAsync([&] { ran.signal(); });
+  EXPECT_TRUE(ran.wait(soon()));
+
+  for (int i = 0; i < kBlocked; ++i) {
+    gate->signal();
+  }
+  for (int i = 0; i < kBlocked; ++i) {
+    ASSERT_TRUE(finished->wait(soon()));
+  }
+}
+
+TEST(Semaphore, DeadlineWaitsTimeOutUnlessSignalled) {
+  Semaphore semaphore(2);
+  EXPECT_TRUE(semaphore.wait(shortly()));
+  EXPECT_TRUE(semaphore.wait(after(0ns))) << "an available unit is taken even at the deadline";
+  const auto start = MonotonicClock::now();
+  EXPECT_FALSE(semaphore.wait(after(30ms)));
+  EXPECT_GE(MonotonicClock::now() - start, 30ms);
+  EXPECT_FALSE(semaphore.wait(after(-1s)));
+
+  semaphore.signal();
+  EXPECT_TRUE(semaphore.wait(after(0ns))) << "a signal before the wait is not lost";
+
+  std::thread signaller([&] {
+    std::this_thread::sleep_for(10ms);
+    semaphore.signal();
+  });
+  EXPECT_TRUE(semaphore.wait(kForever));
+  signaller.join();
+}
+
+TEST(Deadline, AfterSaturatesInsteadOfOverflowing) {
+  EXPECT_EQ(after(std::chrono::nanoseconds::max()), kForever);
+  EXPECT_EQ(after(std::chrono::nanoseconds::min()), Deadline::min());
+  const auto before = MonotonicClock::now();
+  const auto deadline = after(1s);
+  EXPECT_GE(deadline, before + 1s);
+  EXPECT_LE(deadline, MonotonicClock::now() + 1s);
+}
+
+TEST(Group, WaitReturnsOnceEveryMemberHasLeft) {
+  auto group = Group::create();
+  EXPECT_TRUE(group->wait(after(0ns))) << "an empty group is done";
+  group->enter();
+  group->enter();
+  EXPECT_FALSE(group->wait(shortly()));
+  group->leave();
+  EXPECT_FALSE(group->wait(after(10ms)));
+  group->leave();
+  EXPECT_TRUE(group->wait(shortly()));
+}
+
+TEST(Group, TracksBlocksOnThePoolAndOnSerialQueues) {
+  auto group = Group::create();
+  auto queue = SerialQueue::create("test.group");
+  Semaphore release;
+  std::atomic<int> ran{0};
+  std::atomic<bool> offQueue{false};
+  for (int i = 0; i < 10; ++i) {
+    group->async([&] { ++ran; });
+    group->async(queue, [&] {
+      if (!queue->isCurrent()) {
+        offQueue = true;
+      }
+      ++ran;
+    });
+  }
+  group->async([&] {
+    release.wait();
+    ++ran;
+  });
+  EXPECT_FALSE(group->wait(shortly()));
+  release.signal();
+  EXPECT_TRUE(group->wait(soon()));
+  EXPECT_EQ(ran.load(), 21);
+  EXPECT_FALSE(offQueue);
+
+  // Captures are released by the time the wait returns.
+  auto token = std::make_shared<int>(0);
+  group->async([token] {});
+  ASSERT_TRUE(group->wait(soon()));
+  EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(GroupDeathTest, LeavingMoreThanEnteredAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto group = Group::create();
+  group->enter();
+  group->leave();
+  EXPECT_DEATH(group->leave(), "left more often than entered");
+}
+
+}  // namespace
+}  // namespace vantor::dispatch
