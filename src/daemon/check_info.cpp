@@ -22,12 +22,13 @@ std::optional<Value> Vantor::_checkInfo(const Value& info) const {
     return errorResult("Parameter error, info is not a dict");
   }
   const Value* volume = info.find("VANTOR_VOLUME");
-  if (volume == nullptr || !volume->isString()) {
+  const std::string* volumeName = volume != nullptr ? volume->asString() : nullptr;
+  if (volumeName == nullptr) {
     VANTOR_LOG(3, "%s No Volume key in info: %@", kCheckInfo, info.description().c_str());
     return errorResult("Parameter error, no Volume key in info dict");
   }
   if (!validateVolume(info)) {
-    VANTOR_LOG(3, "%s Unable to validate volume: %@", kCheckInfo, volume->asString()->c_str());
+    VANTOR_LOG(3, "%s Unable to validate volume: %@", kCheckInfo, volumeName->c_str());
     return errorResult("Parameter error, Unable to validate volume in info dict");
   }
   return std::nullopt;

@@ -127,6 +127,11 @@ void SignalWatch::record(const std::string& what) {
   cv_.notify_all();
 }
 
+void SignalWatch::clear() {
+  std::lock_guard lock(mutex_);
+  seen_.clear();
+}
+
 bool SignalWatch::waitFor(const std::string& what, std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
   return cv_.wait_for(lock, timeout, [&] {
@@ -205,12 +210,23 @@ bool TestContext::startDaemon(const std::map<std::string, std::string>& extraEnv
   };
   for (const auto& [k, v] : extraEnv)
     env[k] = v;
+  watch_.clear();
   daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{VANTORD_BINARY}, env,
                                            dir_.path() / "vantord.log");
   const bool owned =
       watch_.waitFor("NameOwnerChanged:com.tessaly.vantor:owned", std::chrono::seconds(20));
   EXPECT_TRUE(owned) << "vantord did not take its bus name; log:\n" << daemonLog();
   return owned;
+}
+
+bool TestContext::stopDaemon() {
+  if (!daemon_)
+    return true;
+  daemon_->signal(SIGTERM);
+  bool ended = daemon_->waitExit(std::chrono::seconds(10)).has_value();
+  daemon_.reset();
+  watch_.clear();
+  return ended;
 }
 
 std::string TestContext::daemonLog() const {

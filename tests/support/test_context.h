@@ -71,6 +71,8 @@ class SignalWatch {
   void record(const std::string& what);
   // Waits until `what` has been recorded, at most `timeout`.
   bool waitFor(const std::string& what, std::chrono::milliseconds timeout);
+  // Forgets what was seen, e.g. before restarting the daemon.
+  void clear();
 
  private:
   std::mutex mutex_;
@@ -103,6 +105,8 @@ class TestContext {
   // returns false) when it does not within the deadline.
   bool startDaemon(const std::map<std::string, std::string>& extraEnv = {});
   ChildProcess& daemon() { return *daemon_; }
+  // Stops the daemon with SIGTERM and waits for it; false when it did not end.
+  bool stopDaemon();
   std::string daemonLog() const;
 
   // Signals seen on the context's own connection: "Posted:<name>" and
