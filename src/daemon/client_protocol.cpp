@@ -5,10 +5,6 @@
 
 namespace vantor {
 
-void Vantor::clientCheckin(const std::string&, const ServiceEndpoint&, const Value&, CheckinReply) {
-  throw NotSupportedError("service check-in is not available in this version");
-}
-
 void Vantor::clientPurgeableSpace(const Value&, DictionaryReply) {
   throw NotSupportedError("purgeable space is not available in this version");
 }
@@ -23,14 +19,6 @@ void Vantor::clientPurge(const Value&, DictionaryReply) {
 
 void Vantor::clientCancelPurge(EmptyReply) {
   throw NotSupportedError("cancelling a purge is not available in this version");
-}
-
-void Vantor::clientSetState(const Value&, const Value&, EmptyReply) {
-  throw NotSupportedError("client state is not available in this version");
-}
-
-void Vantor::clientGetState(const Value&, ObjectReply) {
-  throw NotSupportedError("client state is not available in this version");
 }
 
 }  // namespace vantor

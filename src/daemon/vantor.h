@@ -16,6 +16,8 @@
 #include "platform/values/value.h"
 #include "support/client_protocol.h"
 #include "support/listener.h"
+#include "support/service_connection.h"
+#include "support/service_proxy.h"
 #include "support/service_record.h"
 
 namespace vantor {
@@ -129,12 +131,31 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   void clientSetState(const Value& value, const Value& key, EmptyReply reply) override;
   void clientGetState(const Value& key, ObjectReply reply) override;
 
+  // --- service connections ---------------------------------------------
+  // Sends a ping through `proxy` and waits, with no limit of its own, for the
+  // pong; false when the connection failed first.
+  // `wake` is also signalled when the connection fails, so a dead endpoint
+  // does not hold the caller for good.
+  bool pingService(const std::shared_ptr<VantorServiceProxy>& proxy,
+                   const std::shared_ptr<dispatch::Semaphore>& wake);
+  // Sends {name: value} to every service that subscribed to `name`; returns
+  // at once.
+  void notifyRecipients(const std::string& name, const Value& value);
+
+  // --- client state (runs on defaults_queue) --------------------------------
+  void _clientSetState(const Value& value, const Value& key, const EmptyReply& reply);
+  void _clientGetState(const Value& key, const ObjectReply& reply);
+  void clientSetStateSync(const Value& value, const Value& key);
+  Value clientGetStateSync(const Value& key);
+
   // Reads the entitlement policy below rootPath again and installs it.
   void reloadEntitlementPolicy();
 
  private:
   Vantor() = default;
   bool init(const Options& options, std::string* listenError);
+  void registerService(const std::string& serviceId, const ServiceEndpoint& endpoint,
+                       const Value& info, const CheckinReply& reply);
 
   mutable std::mutex semaphoreMutex_;
   std::shared_ptr<dispatch::Semaphore> purgeSemaphore_;

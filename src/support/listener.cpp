@@ -15,6 +15,7 @@
 #include "platform/dispatch/global_pool.h"
 #include "platform/values/dbus_value.h"
 #include "support/log.h"
+#include "support/service_connection.h"
 
 namespace vantor {
 
@@ -176,7 +177,8 @@ VantorListener::VantorListener(std::shared_ptr<VantorClientProtocol> exported)
 
 VantorListener::~VantorListener() {
   VantorListener* self = this;
-  gResumedListener.compare_exchange_strong(self, nullptr);
+  if (gResumedListener.compare_exchange_strong(self, nullptr))
+    setServiceBus(nullptr, nullptr);
   object_.reset();
   if (connection_)
     connection_->leaveEventLoop();
@@ -198,6 +200,7 @@ bool VantorListener::resume(std::string* error) {
     connection_->requestName(dbus::kBusName);
     connection_->enterEventLoopAsync();
     busDaemon_ = std::make_unique<dbus::BusDaemon>(*connection_);
+    setServiceBus(connection_.get(), busDaemon_.get());
   } catch (const sdbus::Error& e) {
     if (error)
       *error = e.getName() + ": " + e.getMessage();

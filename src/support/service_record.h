@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -9,6 +10,8 @@
 #include "support/client_protocol.h"
 
 namespace vantor {
+
+class ServiceConnection;
 
 // One known service: from a descriptor file, or checked in at run time.
 // Owned by the coordinator's service table. The flags are atomic and the
@@ -55,6 +58,16 @@ class VTService {
     endpoint_ = std::move(endpoint);
   }
 
+  // The connection to a checked-in service; null for descriptor services.
+  std::shared_ptr<ServiceConnection> xpcConn() const {
+    std::lock_guard lock(mutex_);
+    return xpcConn_;
+  }
+  void setXpcConn(std::shared_ptr<ServiceConnection> connection) {
+    std::lock_guard lock(mutex_);
+    xpcConn_ = std::move(connection);
+  }
+
  private:
   mutable std::mutex mutex_;
   std::string id_;
@@ -63,6 +76,7 @@ class VTService {
   std::atomic<bool> doNotQuery_{false};
   Value desiredNotifications_;
   std::optional<ServiceEndpoint> endpoint_;
+  std::shared_ptr<ServiceConnection> xpcConn_;
 };
 
 }  // namespace vantor

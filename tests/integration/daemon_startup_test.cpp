@@ -117,6 +117,9 @@ TEST(AnUnentitledCaller, IsDeniedEveryMethod) {
 
 TEST(AnEntitledCaller, ReachesTheCoordinator) {
   TestContext ctx;
+  // A descriptor service, so its check-in is answered at once.
+  ctx.writeDescriptor("svc.plist",
+                      Value(Value::Dictionary{{"VANTOR_ID", Value("com.example.svc")}}));
   ctx.grantUser("me.plist", ::getuid(), {"CLIENT_ENTITLEMENT"});
   ASSERT_TRUE(ctx.startDaemon());
   auto client = ctx.connect();

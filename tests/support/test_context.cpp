@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -41,7 +42,10 @@ TempDir::~TempDir() {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv,
                            const std::map<std::string, std::string>& env,
-                           const std::filesystem::path& logFile) {
+                           const std::filesystem::path& logFile, bool captureStdout) {
+  int out[2] = {-1, -1};
+  if (captureStdout && ::pipe2(out, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
   pid_ = ::fork();
   if (pid_ < 0)
     throw std::runtime_error("fork failed");
@@ -51,6 +55,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv,
       ::dup2(fd, STDERR_FILENO);
       ::dup2(fd, STDOUT_FILENO);
     }
+    if (captureStdout)
+      ::dup2(out[1], STDOUT_FILENO);
     for (const auto& [name, value] : env)
       ::setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> args;
@@ -61,6 +67,52 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv,
     ::_exit(127);
   }
   pidfd_ = pidfdOpen(pid_);
+  if (captureStdout) {
+    ::close(out[1]);
+    stdout_ = out[0];
+  }
+}
+
+bool ChildProcess::sawLineStartingWith(const std::string& prefix) const {
+  for (const auto& line : lines_) {
+    if (line.rfind(prefix, 0) == 0)
+      return true;
+  }
+  return false;
+}
+
+std::optional<std::string> ChildProcess::waitForLine(const std::string& prefix,
+                                                     std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    for (; scanned_ < lines_.size(); ++scanned_) {
+      if (lines_[scanned_].rfind(prefix, 0) == 0)
+        return lines_[scanned_++];
+    }
+    if (stdout_ < 0)
+      return std::nullopt;
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0)
+      return std::nullopt;
+    struct pollfd pfd {
+      stdout_, POLLIN, 0
+    };
+    if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0)
+      return std::nullopt;
+    char buffer[4096];
+    ssize_t n = ::read(stdout_, buffer, sizeof buffer);
+    if (n <= 0) {
+      ::close(stdout_);
+      stdout_ = -1;
+      continue;
+    }
+    pending_.append(buffer, static_cast<std::size_t>(n));
+    for (auto nl = pending_.find('\n'); nl != std::string::npos; nl = pending_.find('\n')) {
+      lines_.push_back(pending_.substr(0, nl));
+      pending_.erase(0, nl + 1);
+    }
+  }
 }
 
 ChildProcess::~ChildProcess() {
@@ -227,6 +279,44 @@ bool TestContext::stopDaemon() {
   daemon_.reset();
   watch_.clear();
   return ended;
+}
+
+bool TestContext::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const {
+  // Woken by every write to the log; the deadline bounds the wait.
+  const auto path = dir_.path() / "vantord.log";
+  int inotify = ::inotify_init1(IN_CLOEXEC);
+  if (inotify < 0)
+    return false;
+  ::inotify_add_watch(inotify, path.c_str(), IN_MODIFY);
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  bool found = false;
+  for (;;) {
+    if (daemonLog().find(text) != std::string::npos) {
+      found = true;
+      break;
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0)
+      break;
+    struct pollfd pfd {
+      inotify, POLLIN, 0
+    };
+    if (::poll(&pfd, 1, static_cast<int>(left.count())) > 0) {
+      char events[4096];
+      [[maybe_unused]] ssize_t ignored = ::read(inotify, events, sizeof events);
+    }
+  }
+  ::close(inotify);
+  return found;
+}
+
+std::unique_ptr<ChildProcess> TestContext::startService(const std::vector<std::string>& args) {
+  std::vector<std::string> argv{std::string(VANTOR_TOOLS_DIR) + "/vantor-example-service"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return std::make_unique<ChildProcess>(
+      argv, std::map<std::string, std::string>{{"DBUS_SYSTEM_BUS_ADDRESS", bus_->address()}},
+      dir_.path() / "services.log", true);
 }
 
 std::string TestContext::daemonLog() const {

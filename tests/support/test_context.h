@@ -35,10 +35,11 @@ class TempDir {
 // A child process. Destroying the handle kills the process if it still runs.
 class ChildProcess {
  public:
-  // Starts `argv` with the current environment plus `env`; its stderr (and
-  // stdout) go to `logFile`.
+  // Starts `argv` with the current environment plus `env`; its stderr goes
+  // to `logFile`, and so does its stdout unless `captureStdout` is set, in
+  // which case its lines are read with waitForLine.
   ChildProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-               const std::filesystem::path& logFile);
+               const std::filesystem::path& logFile, bool captureStdout = false);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -48,9 +49,21 @@ class ChildProcess {
   // Waits for the process to end; the wait status, or nullopt at the deadline.
   std::optional<int> waitExit(std::chrono::milliseconds timeout);
 
+  // Waits for a line of captured stdout that starts with `prefix` and returns
+  // it; nullopt at the deadline. Lines read while waiting are kept.
+  std::optional<std::string> waitForLine(const std::string& prefix,
+                                         std::chrono::milliseconds timeout);
+  // Every captured line read so far.
+  const std::vector<std::string>& lines() const { return lines_; }
+  bool sawLineStartingWith(const std::string& prefix) const;
+
  private:
   pid_t pid_ = -1;
   int pidfd_ = -1;
+  int stdout_ = -1;
+  std::string pending_;
+  std::vector<std::string> lines_;
+  std::size_t scanned_ = 0;
   std::optional<int> status_;
 };
 
@@ -108,6 +121,12 @@ class TestContext {
   // Stops the daemon with SIGTERM and waits for it; false when it did not end.
   bool stopDaemon();
   std::string daemonLog() const;
+
+  // Waits until the daemon's log contains `text`.
+  bool waitForLog(const std::string& text, std::chrono::milliseconds timeout) const;
+
+  // Starts the example service with `args`, capturing its event lines.
+  std::unique_ptr<ChildProcess> startService(const std::vector<std::string>& args);
 
   // Signals seen on the context's own connection: "Posted:<name>" and
   // "NameOwnerChanged:<name>:<new owner>".

@@ -96,4 +96,60 @@ std::optional<PeerCredentials> BusDaemon::peerCredentials(const std::string& sen
   return pending->result;
 }
 
+namespace {
+
+template <typename T>
+struct Pending {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool done = false;
+  std::optional<T> result;
+
+  void finish(std::optional<T> value) {
+    std::lock_guard lock(mutex);
+    result = std::move(value);
+    done = true;
+    cv.notify_all();
+  }
+  std::optional<T> wait(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex);
+    if (!cv.wait_for(lock, timeout, [&] { return done; }))
+      return std::nullopt;
+    return result;
+  }
+};
+
+}  // namespace
+
+std::optional<bool> BusDaemon::nameHasOwner(const std::string& name,
+                                            std::chrono::milliseconds timeout) {
+  auto pending = std::make_shared<Pending<bool>>();
+  try {
+    proxy_->callMethodAsync("NameHasOwner")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(name)
+        .uponReplyInvoke([pending](const sdbus::Error* error, bool owned) {
+          pending->finish(error == nullptr ? std::optional<bool>(owned) : std::nullopt);
+        });
+  } catch (const sdbus::Error&) {
+    return std::nullopt;
+  }
+  return pending->wait(timeout);
+}
+
+bool BusDaemon::startServiceByName(const std::string& name, std::chrono::milliseconds timeout) {
+  auto pending = std::make_shared<Pending<bool>>();
+  try {
+    proxy_->callMethodAsync("StartServiceByName")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(name, std::uint32_t{0})
+        .uponReplyInvoke([pending](const sdbus::Error* error, std::uint32_t) {
+          pending->finish(error == nullptr);
+        });
+  } catch (const sdbus::Error&) {
+    return false;
+  }
+  return pending->wait(timeout).value_or(false);
+}
+
 }  // namespace vantor::dbus

@@ -52,6 +52,13 @@ class BusDaemon {
   std::optional<PeerCredentials> peerCredentials(const std::string& sender,
                                                  std::chrono::milliseconds timeout);
 
+  // Whether `name` has an owner now; nullopt when the bus did not answer.
+  std::optional<bool> nameHasOwner(const std::string& name, std::chrono::milliseconds timeout);
+
+  // Asks the bus to start the activatable service `name`. True when it runs
+  // (already, or now); false when it is not activatable or failed to start.
+  bool startServiceByName(const std::string& name, std::chrono::milliseconds timeout);
+
  private:
   std::unique_ptr<sdbus::IProxy> proxy_;
 };

@@ -1,0 +1,85 @@
+#include "support/service_call.h"
+
+#include <atomic>
+#include <chrono>
+
+#include "platform/dispatch/global_pool.h"
+#include "platform/dispatch/semaphore.h"
+#include "support/service_connection.h"
+
+namespace vantor {
+
+namespace {
+
+constexpr std::chrono::seconds kBusAnswerTimeout{10};
+
+// Runs the invalidation handler at most once, whichever failure comes first.
+struct CallState {
+  std::atomic<bool> invalidated{false};
+  ServiceInvalidationHandler invalidation;
+
+  void invalidate() {
+    if (!invalidated.exchange(true) && invalidation)
+      invalidation();
+  }
+};
+
+// Where the service listens, or nullopt when it cannot be reached now.
+std::optional<ServiceEndpoint> reach(const VTService& service) {
+  dbus::BusDaemon* daemon = serviceBusDaemon();
+  if (serviceBus() == nullptr || daemon == nullptr)
+    return std::nullopt;
+  if (auto connection = service.xpcConn()) {
+    if (!connection->isValid())
+      return std::nullopt;
+    return connection->endpoint();
+  }
+  const std::string id = service.ID();
+  if (!isValidBusName(id))
+    return std::nullopt;
+  auto owned = daemon->nameHasOwner(id, kBusAnswerTimeout);
+  if (!owned)
+    return std::nullopt;
+  if (!*owned && !daemon->startServiceByName(id, kBusAnswerTimeout))
+    return std::nullopt;
+  return ServiceEndpoint{id, dbus::kServiceObjectPath};
+}
+
+void connect(const std::shared_ptr<VTService>& service,
+             const ServiceConnectionHandler& connectionHandler,
+             const std::shared_ptr<CallState>& state) {
+  auto endpoint = reach(*service);
+  sdbus::IConnection* bus = serviceBus();
+  if (!endpoint || bus == nullptr) {
+    state->invalidate();
+    return;
+  }
+  auto proxy =
+      makeServiceProxy(*bus, *endpoint, [state](const std::string&) { state->invalidate(); });
+  // The finish handle owns the proxy; calling it releases the proxy and with
+  // it the call's bus resources.
+  auto holder = std::make_shared<std::shared_ptr<VantorServiceProxy>>(proxy);
+  connectionHandler(std::move(proxy), [holder] { holder->reset(); });
+}
+
+}  // namespace
+
+void CallServiceAsync(const std::shared_ptr<VTService>& service,
+                      ServiceConnectionHandler connectionHandler,
+                      ServiceInvalidationHandler invalidationHandler) {
+  auto state = std::make_shared<CallState>();
+  state->invalidation = std::move(invalidationHandler);
+  dispatch::globalAsync([service, connectionHandler = std::move(connectionHandler), state] {
+    connect(service, connectionHandler, state);
+  });
+}
+
+void CallService(const std::shared_ptr<VTService>& service,
+                 ServiceConnectionHandler connectionHandler,
+                 ServiceInvalidationHandler invalidationHandler) {
+  auto state = std::make_shared<CallState>();
+  state->invalidation = std::move(invalidationHandler);
+  connect(service, connectionHandler, state);
+}
+
+}  // namespace vantor

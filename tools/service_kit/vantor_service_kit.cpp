@@ -1,0 +1,171 @@
+#include "vantor_service_kit.h"
+
+#include <condition_variable>
+#include <mutex>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "platform/dbus/bus.h"
+#include "platform/dbus/service_adaptor.h"
+#include "platform/values/dbus_value.h"
+
+namespace vantor::kit {
+
+namespace {
+
+Value emptyDictionary() {
+  return Value(Value::Dictionary{});
+}
+
+VariantMap dictionaryOf(const Value& v) {
+  if (const auto* d = v.asDictionary())
+    return toVariantMap(*d);
+  return {};
+}
+
+}  // namespace
+
+void Service::purgeable(std::int32_t, const Value&, DictionaryReply reply) {
+  reply(Value(Value::Dictionary{{"VANTOR_AMOUNT", Value(std::uint64_t{0})}}));
+}
+void Service::purge(std::int32_t, const Value&, DictionaryReply reply) {
+  reply(Value(Value::Dictionary{{"VANTOR_AMOUNT", Value(std::uint64_t{0})}}));
+}
+void Service::periodic(std::int32_t, const Value&, DictionaryReply reply) {
+  reply(Value());
+}
+void Service::callback(const Value&, DictionaryReply reply) {
+  reply(emptyDictionary());
+}
+
+// The exported object. Each call hands its result holder to the service,
+// which may answer from any thread.
+class ServiceHost::Adaptor final
+    : public sdbus::AdaptorInterfaces<com::tessaly::vantor::Service_adaptor> {
+ public:
+  Adaptor(sdbus::IConnection& connection, std::shared_ptr<Service> service)
+      : AdaptorInterfaces(connection, dbus::kServiceObjectPath), service_(std::move(service)) {
+    registerAdaptor();
+  }
+  ~Adaptor() { unregisterAdaptor(); }
+
+ private:
+  template <typename R>
+  static std::shared_ptr<R> share(R&& r) {
+    return std::make_shared<R>(std::move(r));
+  }
+
+  static Service::DictionaryReply dictionaryReply(std::shared_ptr<sdbus::Result<VariantMap>> r) {
+    return [r](Value v) { r->returnResults(dictionaryOf(v)); };
+  }
+
+  void ServicePurgeable(sdbus::Result<VariantMap>&& result, std::int32_t urgency,
+                        VariantMap info) override {
+    service_->purgeable(urgency, Value(fromVariantMap(info)),
+                        dictionaryReply(share(std::move(result))));
+  }
+  void ServicePurge(sdbus::Result<VariantMap>&& result, std::int32_t urgency,
+                    VariantMap info) override {
+    service_->purge(urgency, Value(fromVariantMap(info)),
+                    dictionaryReply(share(std::move(result))));
+  }
+  void ServicePeriodic(sdbus::Result<VariantArray>&& result, std::int32_t urgency,
+                       VariantMap info) override {
+    auto r = share(std::move(result));
+    service_->periodic(urgency, Value(fromVariantMap(info)),
+                       [r](Value v) { r->returnResults(toOptionalVariant(v)); });
+  }
+  void ServiceCancelPurge(sdbus::Result<>&& result) override {
+    service_->cancelPurge();
+    result.returnResults();
+  }
+  void ServicePing(sdbus::Result<>&& result) override {
+    auto r = share(std::move(result));
+    service_->ping([r] { r->returnResults(); });
+  }
+  void ServiceNotify(sdbus::Result<>&& result, VariantMap notification) override {
+    service_->notify(Value(fromVariantMap(notification)));
+    result.returnResults();
+  }
+  void ServiceCallback(sdbus::Result<VariantMap>&& result, VariantMap info) override {
+    service_->callback(Value(fromVariantMap(info)), dictionaryReply(share(std::move(result))));
+  }
+
+  std::shared_ptr<Service> service_;
+};
+
+ServiceHost::ServiceHost(std::shared_ptr<Service> service, std::optional<std::string> busName)
+    : service_(std::move(service)), connection_(dbus::openSystemBus()) {
+  adaptor_ = std::make_unique<Adaptor>(*connection_, service_);
+  if (busName)
+    connection_->requestName(*busName);
+  connection_->enterEventLoopAsync();
+}
+
+ServiceHost::~ServiceHost() {
+  connection_->leaveEventLoop();
+  adaptor_.reset();
+}
+
+std::string ServiceHost::uniqueName() const {
+  return connection_->getUniqueName();
+}
+
+Value ServiceHost::checkIn(const CheckinRequest& request, std::chrono::milliseconds timeout) {
+  Value::Array notifications;
+  for (const auto& n : request.notifications)
+    notifications.emplace_back(n);
+  Value::Dictionary info{{"PURGE", Value(request.purge)}, {"PERIODIC", Value(request.periodic)}};
+  if (!notifications.empty())
+    info.emplace("VANTOR_NOTIFICATIONS", Value(notifications));
+
+  // The daemon pings the service before it answers, so the bus thread must
+  // stay free: the call is asynchronous and this thread waits for it.
+  struct Outcome {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+    std::optional<sdbus::Error> error;
+    VariantMap reply;
+  };
+  auto outcome = std::make_shared<Outcome>();
+  auto proxy = sdbus::createProxy(*connection_, dbus::kBusName, dbus::kObjectPath);
+  proxy->callMethodAsync("ClientCheckin")
+      .onInterface(dbus::kClientInterface)
+      .withTimeout(timeout)
+      .withArguments(request.id,
+                     sdbus::Struct<std::string, sdbus::ObjectPath>{
+                         uniqueName(), sdbus::ObjectPath(dbus::kServiceObjectPath)},
+                     toVariantMap(info))
+      .uponReplyInvoke([outcome](const sdbus::Error* error, VariantMap reply) {
+        std::lock_guard lock(outcome->mutex);
+        if (error != nullptr)
+          outcome->error = *error;
+        outcome->reply = std::move(reply);
+        outcome->done = true;
+        outcome->cv.notify_all();
+      });
+  std::unique_lock lock(outcome->mutex);
+  // The call's own time-out answers first; the margin only guards a bus that
+  // never reports it.
+  if (!outcome->cv.wait_for(lock, timeout + std::chrono::seconds(5),
+                            [&] { return outcome->done; })) {
+    throw sdbus::Error("org.freedesktop.DBus.Error.NoReply", "check-in was not answered");
+  }
+  if (outcome->error)
+    throw *outcome->error;
+  return Value(fromVariantMap(outcome->reply));
+}
+
+void ServiceHost::run() {
+  std::unique_lock lock(runMutex_);
+  runCv_.wait(lock, [&] { return stopped_; });
+}
+
+void ServiceHost::stop() {
+  std::lock_guard lock(runMutex_);
+  stopped_ = true;
+  runCv_.notify_all();
+}
+
+}  // namespace vantor::kit

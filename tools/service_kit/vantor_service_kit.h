@@ -1,0 +1,95 @@
+#pragma once
+
+// The service kit: everything a program needs to offer its throw-away data to
+// vantord. Implement vantor::kit::Service, hand it to a ServiceHost, and
+// either check in at run time or install a descriptor file naming the bus
+// name the host owns.
+//
+// Threads: the host runs its own bus thread. Service methods are called on
+// it and must not block; answer through the reply, now or later, from any
+// thread, exactly once.
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/values/value.h"
+
+namespace sdbus {
+class IConnection;
+}
+
+namespace vantor::kit {
+
+class Service {
+ public:
+  using DictionaryReply = std::function<void(Value reply)>;
+  virtual ~Service() = default;
+
+  // How many bytes could be purged on info["VANTOR_VOLUME"] at `urgency`
+  // (1 to 4): answer {"VANTOR_AMOUNT": bytes}, or add "VANTOR_OPT_OUT" to be
+  // left out of purging for a while.
+  virtual void purgeable(std::int32_t urgency, const Value& info, DictionaryReply reply);
+  // Purge up to info["VANTOR_AMOUNT"] bytes: answer {"VANTOR_AMOUNT": purged}.
+  virtual void purge(std::int32_t urgency, const Value& info, DictionaryReply reply);
+  // Daily maintenance on info["VANTOR_VOLUME"]; answer a dictionary or null.
+  virtual void periodic(std::int32_t urgency, const Value& info, DictionaryReply reply);
+  // Stop purging as soon as possible.
+  virtual void cancelPurge() {}
+  // A notification: a dictionary of one entry, name to value.
+  virtual void notify(const Value& notification) { (void)notification; }
+  // The liveness ping; answer to prove the service is there.
+  virtual void ping(std::function<void()> reply) { reply(); }
+  virtual void callback(const Value& info, DictionaryReply reply);
+};
+
+struct CheckinRequest {
+  std::string id;  // the service's identifier, e.g. "com.example.thumbnails"
+  bool purge = true;
+  bool periodic = false;
+  std::vector<std::string> notifications;  // e.g. {"VANTOR_CACHE_ENABLED"}
+};
+
+class ServiceHost {
+ public:
+  // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS overrides its
+  // address), exports `service` on /com/tessaly/vantor/Service and, when
+  // `busName` is given, takes that name. Throws sdbus::Error on failure.
+  explicit ServiceHost(std::shared_ptr<Service> service,
+                       std::optional<std::string> busName = std::nullopt);
+  ~ServiceHost();
+  ServiceHost(const ServiceHost&) = delete;
+  ServiceHost& operator=(const ServiceHost&) = delete;
+
+  // Checks in with vantord. Returns its reply: {"VANTOR_ID", "ANON"} for a
+  // new registration, an empty dictionary when a descriptor file already
+  // names the ID. Throws sdbus::Error when the daemon refuses or does not
+  // answer within `timeout` (a check-in without the entitlement to it is
+  // never answered).
+  Value checkIn(const CheckinRequest& request,
+                std::chrono::milliseconds timeout = std::chrono::seconds(25));
+
+  // The host's unique bus name.
+  std::string uniqueName() const;
+
+  // Serves until stop() is called, e.g. from a signal-handling thread.
+  void run();
+  void stop();
+
+ private:
+  class Adaptor;
+  std::shared_ptr<Service> service_;
+  std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<Adaptor> adaptor_;
+  std::mutex runMutex_;
+  std::condition_variable runCv_;
+  bool stopped_ = false;
+};
+
+}  // namespace vantor::kit
