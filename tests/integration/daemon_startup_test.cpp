@@ -6,8 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <regex>
-
 #include <gtest/gtest.h>
 
 #include "support/test_context.h"
@@ -38,9 +36,16 @@ std::pair<std::string, std::string> signatureOf(const std::string& xml, const st
   auto end = xml.find("</method>", start);
   std::string body = xml.substr(start, end - start);
   std::string in, out;
-  std::regex arg(R"re(<arg type="([^"]+)"[^>]*direction="(in|out)")re");
-  for (std::sregex_iterator it(body.begin(), body.end(), arg), last; it != last; ++it) {
-    ((*it)[2] == "in" ? in : out) += (*it)[1];
+  auto attribute = [](const std::string& tag, const std::string& name) {
+    auto at = tag.find(name + "=\"");
+    if (at == std::string::npos)
+      return std::string();
+    at += name.size() + 2;
+    return tag.substr(at, tag.find('"', at) - at);
+  };
+  for (auto at = body.find("<arg "); at != std::string::npos; at = body.find("<arg ", at + 1)) {
+    const std::string tag = body.substr(at, body.find('>', at) - at);
+    (attribute(tag, "direction") == "out" ? out : in) += attribute(tag, "type");
   }
   return {in, out};
 }

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <sys/types.h>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 
 #include "platform/values/value.h"
 

@@ -30,7 +30,18 @@ class Value {
   using Array = std::vector<Value>;
   using Dictionary = std::map<std::string, Value, std::less<>>;
 
-  enum class Type { kNull, kBoolean, kInteger, kUnsigned, kReal, kString, kData, kDate, kArray, kDictionary };
+  enum class Type {
+    kNull,
+    kBoolean,
+    kInteger,
+    kUnsigned,
+    kReal,
+    kString,
+    kData,
+    kDate,
+    kArray,
+    kDictionary
+  };
 
   Value() = default;
   Value(Null) {}

@@ -1,0 +1,210 @@
+#include "platform/store/settings_store.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <system_error>
+#include <vector>
+
+#include "platform/values/plist_io.h"
+
+namespace vantor {
+namespace {
+
+std::string errnoText(const std::string& what, int err) {
+  return what + ": " + std::strerror(err);
+}
+
+bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0) {
+      if (errno == EINTR)
+        continue;
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+SettingsStore::SettingsStore(std::filesystem::path path) : path_(std::move(path)) {}
+
+std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& path,
+                                                   Diagnostics* diagnostics) {
+  std::error_code ec;
+  const auto dir = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
+  std::filesystem::create_directories(dir, ec);
+  if (ec) {
+    if (diagnostics != nullptr)
+      diagnostics->warning = "cannot create " + dir.string() + ": " + ec.message();
+    return nullptr;
+  }
+  if (::access(dir.c_str(), W_OK | X_OK) != 0) {
+    if (diagnostics != nullptr)
+      diagnostics->warning = errnoText("cannot write " + dir.string(), errno);
+    return nullptr;
+  }
+  std::unique_ptr<SettingsStore> store(new SettingsStore(path));
+  std::string warning;
+  store->load(&warning);
+  if (diagnostics != nullptr)
+    diagnostics->warning = warning;
+  return store;
+}
+
+std::optional<Value> SettingsStore::objectForKey(const std::string& key) const {
+  const auto it = contents_.find(key);
+  if (it == contents_.end())
+    return std::nullopt;
+  return it->second;
+}
+
+bool SettingsStore::setObject(const std::string& key, std::optional<Value> value,
+                              std::string* error) {
+  if (value && !value->isNull()) {
+    contents_.insert_or_assign(key, std::move(*value));
+  } else {
+    contents_.erase(key);
+  }
+  return write(error);
+}
+
+bool SettingsStore::synchronize(std::string* error) {
+  struct stat st {};
+  std::optional<FileStamp> current;
+  if (::stat(path_.c_str(), &st) == 0) {
+    current =
+        FileStamp{st.st_dev, st.st_ino, st.st_size,
+                  static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+  }
+  if (current == stamp_)
+    return true;
+  return load(error);
+}
+
+// Reads the file into memory. A missing file is an empty store; a file that
+// does not parse as a dictionary is moved aside so it is kept for inspection
+// but never read again.
+bool SettingsStore::load(std::string* error) {
+  contents_.clear();
+  stamp_.reset();
+  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT)
+      return true;
+    if (error != nullptr)
+      *error = errnoText("cannot open " + path_.string(), errno);
+    return false;
+  }
+  struct stat st {};
+  std::vector<std::uint8_t> bytes;
+  bool readOk = ::fstat(fd, &st) == 0;
+  if (readOk) {
+    std::uint8_t buf[65536];
+    for (;;) {
+      const ssize_t n = ::read(fd, buf, sizeof buf);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n < 0) {
+        readOk = false;
+        break;
+      }
+      if (n == 0)
+        break;
+      bytes.insert(bytes.end(), buf, buf + n);
+    }
+  }
+  const int readErrno = errno;
+  ::close(fd);
+  if (!readOk) {
+    if (error != nullptr)
+      *error = errnoText("cannot read " + path_.string(), readErrno);
+    return false;
+  }
+  const FileStamp stamp{
+      st.st_dev, st.st_ino, st.st_size,
+      static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+  std::string reason;
+  if (bytes.empty()) {
+    reason = "empty file";
+  } else {
+    auto parsed = parsePlist(bytes);
+    if (!parsed.value) {
+      reason = parsed.error;
+    } else if (!parsed.value->isDictionary()) {
+      reason = "top level is not a dictionary";
+    } else {
+      contents_ = std::move(*parsed.value->asDictionary());
+      stamp_ = stamp;
+      return true;
+    }
+  }
+  // Never replace an earlier corrupt copy: add a counter when the name is taken.
+  const std::string base =
+      path_.string() + ".corrupt-" + std::to_string(static_cast<long long>(std::time(nullptr)));
+  std::string text = path_.string() + " is corrupt (" + reason + ")";
+  int moveErrno = 0;
+  std::string aside = base;
+  for (int attempt = 1; attempt < 1000; ++attempt) {
+    if (::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
+      moveErrno = 0;
+      break;
+    }
+    moveErrno = errno;
+    if (moveErrno != EEXIST)
+      break;
+    aside = base + "." + std::to_string(attempt);
+  }
+  if (moveErrno == 0) {
+    text += "; moved aside to " + aside;
+  } else {
+    text += "; " + errnoText("could not move it aside", moveErrno);
+  }
+  if (error != nullptr)
+    *error = text;
+  return false;
+}
+
+bool SettingsStore::write(std::string* error) {
+  const auto bytes = encodePlist(Value(contents_), PlistFormat::kBinary);
+  std::string tmpl = path_.string() + ".XXXXXX";
+  std::vector<char> name(tmpl.begin(), tmpl.end());
+  name.push_back('\0');
+  const int fd = ::mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) {
+    if (error != nullptr)
+      *error = errnoText("cannot create a temporary file next to " + path_.string(), errno);
+    return false;
+  }
+  const bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+  const int err = errno;
+  struct stat st {};
+  const bool statOk = ok && ::fstat(fd, &st) == 0;
+  ::close(fd);
+  if (!ok || ::rename(name.data(), path_.c_str()) != 0) {
+    const int renameErr = ok ? errno : err;
+    ::unlink(name.data());
+    if (error != nullptr)
+      *error = errnoText("cannot write " + path_.string(), renameErr);
+    return false;
+  }
+  if (statOk) {
+    stamp_ =
+        FileStamp{st.st_dev, st.st_ino, st.st_size,
+                  static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+  } else {
+    stamp_.reset();
+  }
+  return true;
+}
+
+}  // namespace vantor

@@ -1,0 +1,381 @@
+#include "platform/values/plist_io.h"
+
+#include <plist/plist.h>
+
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <string_view>
+
+namespace vantor {
+namespace {
+
+// Deeper documents are refused before libplist sees them: its parsers recurse
+// once per level and would overflow the stack on hostile input.
+constexpr int kMaxDepth = 512;
+// Seconds from 1970-01-01 to 2001-01-01, the epoch of property-list dates.
+constexpr std::int64_t kPlistEpochOffset = 978307200;
+
+struct PlistFree {
+  void operator()(plist_t p) const { plist_free(p); }
+};
+using PlistPtr = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistFree>;
+
+// Nesting depth of arrays and dictionaries in XML text, skipping comments and
+// character data. Returns -1 when it exceeds the limit.
+int xmlDepth(std::string_view text) {
+  int depth = 0;
+  std::size_t i = 0;
+  auto startsWith = [&](std::size_t at, std::string_view what) {
+    return text.compare(at, what.size(), what) == 0;
+  };
+  while ((i = text.find('<', i)) != std::string_view::npos) {
+    if (startsWith(i, "<!--")) {
+      const auto end = text.find("-->", i + 4);
+      if (end == std::string_view::npos)
+        break;
+      i = end + 3;
+      continue;
+    }
+    if (startsWith(i, "<![CDATA[")) {
+      const auto end = text.find("]]>", i + 9);
+      if (end == std::string_view::npos)
+        break;
+      i = end + 3;
+      continue;
+    }
+    const auto close = text.find('>', i);
+    if (close == std::string_view::npos)
+      break;
+    const auto tag = text.substr(i + 1, close - i - 1);
+    const bool selfClosing = !tag.empty() && tag.back() == '/';
+    auto named = [&](std::string_view name) {
+      return tag.compare(0, name.size(), name) == 0 &&
+             (tag.size() == name.size() || tag[name.size()] == ' ' || tag[name.size()] == '/' ||
+              tag[name.size()] == '\t' || tag[name.size()] == '\n');
+    };
+    if (!selfClosing && (named("array") || named("dict"))) {
+      if (++depth > kMaxDepth)
+        return -1;
+    } else if (named("/array") || named("/dict")) {
+      --depth;
+    }
+    i = close + 1;
+  }
+  return depth < 0 ? 0 : depth;
+}
+
+// Checks a binary property list's structure before libplist parses it:
+// the trailer, every object offset and reference in range, and container
+// nesting within the limit (which also catches reference cycles).
+bool checkBinary(std::span<const std::uint8_t> b, std::string* error) {
+  constexpr std::size_t kHeader = 8, kTrailer = 32;
+  if (b.size() < kHeader + kTrailer + 1) {
+    *error = "binary property list too short";
+    return false;
+  }
+  auto readBE = [&](std::size_t at, std::size_t n, std::uint64_t* out) {
+    if (n == 0 || n > 8 || at > b.size() || b.size() - at < n)
+      return false;
+    std::uint64_t v = 0;
+    for (std::size_t k = 0; k < n; ++k)
+      v = (v << 8) | b[at + k];
+    *out = v;
+    return true;
+  };
+  const std::size_t t = b.size() - kTrailer;
+  const std::size_t offsetSize = b[t + 6];
+  const std::size_t refSize = b[t + 7];
+  std::uint64_t numObjects = 0, top = 0, tableOffset = 0;
+  readBE(t + 8, 8, &numObjects);
+  readBE(t + 16, 8, &top);
+  readBE(t + 24, 8, &tableOffset);
+  if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8 || numObjects == 0 ||
+      top >= numObjects || tableOffset < kHeader || tableOffset > t ||
+      numObjects > (t - tableOffset) / offsetSize) {
+    *error = "binary property list has a damaged trailer";
+    return false;
+  }
+  auto objectAt = [&](std::uint64_t ref, std::size_t* at) {
+    std::uint64_t off = 0;
+    if (ref >= numObjects || !readBE(tableOffset + ref * offsetSize, offsetSize, &off) ||
+        off < kHeader || off >= tableOffset)
+      return false;
+    *at = off;
+    return true;
+  };
+  struct Pending {
+    std::uint64_t ref;
+    int depth;
+  };
+  std::vector<Pending> stack{{top, 0}};
+  std::uint64_t visits = 0;
+  const std::uint64_t maxVisits = numObjects * 4 + 1024;
+  while (!stack.empty()) {
+    const auto [ref, depth] = stack.back();
+    stack.pop_back();
+    std::size_t at = 0;
+    if (!objectAt(ref, &at)) {
+      *error = "binary property list has a reference out of range";
+      return false;
+    }
+    if (++visits > maxVisits) {
+      *error = "binary property list shares too many objects";
+      return false;
+    }
+    const std::uint8_t marker = b[at];
+    const std::uint8_t kind = marker >> 4;
+    if (kind != 0xA && kind != 0xC && kind != 0xD)
+      continue;
+    if (depth + 1 > kMaxDepth) {
+      *error = "property list nested too deeply";
+      return false;
+    }
+    std::uint64_t count = marker & 0x0F;
+    std::size_t refs = at + 1;
+    if (count == 0x0F) {
+      if (refs >= tableOffset || (b[refs] >> 4) != 0x1) {
+        *error = "binary property list has a damaged count";
+        return false;
+      }
+      const std::size_t n = std::size_t{1} << (b[refs] & 0x3);
+      if (!readBE(refs + 1, n, &count)) {
+        *error = "binary property list has a damaged count";
+        return false;
+      }
+      refs += 1 + n;
+    }
+    const std::uint64_t total = kind == 0xD ? count * 2 : count;
+    if (count > numObjects * 2 || refs > tableOffset || total > (tableOffset - refs) / refSize) {
+      *error = "binary property list has a container larger than the file";
+      return false;
+    }
+    for (std::uint64_t k = 0; k < total; ++k) {
+      std::uint64_t child = 0;
+      readBE(refs + k * refSize, refSize, &child);
+      stack.push_back({child, depth + 1});
+    }
+  }
+  return true;
+}
+
+bool integerIsNegative(plist_t node) {
+  // libplist keeps one unsigned 64-bit integer; whether a value above the
+  // signed range was written as a negative number shows only in its XML.
+  PlistPtr copy(plist_copy(node));
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(copy.get(), &xml, &length);
+  const bool negative = xml != nullptr && std::strstr(xml, "<integer>-") != nullptr;
+  plist_to_xml_free(xml);
+  return negative;
+}
+
+Value fromNode(plist_t node) {
+  switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+      std::uint8_t b = 0;
+      plist_get_bool_val(node, &b);
+      return Value(b != 0);
+    }
+    case PLIST_UINT: {
+      std::uint64_t u = 0;
+      plist_get_uint_val(node, &u);
+      if (u <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) ||
+          integerIsNegative(node))
+        return Value(static_cast<std::int64_t>(u));
+      return Value(u);
+    }
+    case PLIST_REAL: {
+      double d = 0;
+      plist_get_real_val(node, &d);
+      return Value(d);
+    }
+    case PLIST_STRING:
+    case PLIST_KEY: {
+      std::uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
+      return Value(std::string(s != nullptr ? s : "", s != nullptr ? length : 0));
+    }
+    case PLIST_DATA: {
+      std::uint64_t length = 0;
+      const char* d = plist_get_data_ptr(node, &length);
+      const auto* p = reinterpret_cast<const std::uint8_t*>(d);
+      return Value(Value::Data(p, p + (d != nullptr ? length : 0)));
+    }
+    case PLIST_DATE: {
+      std::int32_t sec = 0, usec = 0;
+      plist_get_date_val(node, &sec, &usec);
+      return Value(Date{(std::int64_t{sec} + kPlistEpochOffset) * 1000000 + usec});
+    }
+    case PLIST_UID: {
+      std::uint64_t uid = 0;
+      plist_get_uid_val(node, &uid);
+      return Value(Value::Dictionary{{"CF$UID", Value(uid)}});
+    }
+    case PLIST_ARRAY: {
+      Value::Array array;
+      const auto n = plist_array_get_size(node);
+      array.reserve(n);
+      for (std::uint32_t i = 0; i < n; ++i)
+        array.push_back(fromNode(plist_array_get_item(node, i)));
+      return Value(std::move(array));
+    }
+    case PLIST_DICT: {
+      Value::Dictionary dict;
+      plist_dict_iter it = nullptr;
+      plist_dict_new_iter(node, &it);
+      for (;;) {
+        char* key = nullptr;
+        plist_t item = nullptr;
+        plist_dict_next_item(node, it, &key, &item);
+        if (item == nullptr) {
+          std::free(key);
+          break;
+        }
+        if (key != nullptr)
+          dict.insert_or_assign(std::string(key), fromNode(item));
+        std::free(key);
+      }
+      std::free(it);
+      return Value(std::move(dict));
+    }
+    default:
+      return Value();
+  }
+}
+
+plist_t integerNode(std::int64_t i) {
+  return plist_new_uint(static_cast<std::uint64_t>(i));
+}
+
+plist_t unsignedNode(std::uint64_t u) {
+  if (u <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    return plist_new_uint(u);
+  }
+  // Only libplist's XML reader marks a value above the signed range as
+  // unsigned, so that binary output keeps it positive.
+  const std::string xml = "<?xml version=\"1.0\"?><plist version=\"1.0\"><integer>" +
+                          std::to_string(u) + "</integer></plist>";
+  plist_t node = nullptr;
+  plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &node);
+  return node != nullptr ? node : plist_new_uint(u);
+}
+
+// Null for a null value, which property lists cannot hold.
+plist_t toNode(const Value& value) {
+  switch (value.type()) {
+    case Value::Type::kNull:
+      return nullptr;
+    case Value::Type::kBoolean:
+      return plist_new_bool(value.boolValue() ? 1 : 0);
+    case Value::Type::kInteger:
+      return integerNode(value.int64Value());
+    case Value::Type::kUnsigned:
+      return unsignedNode(value.uint64Value());
+    case Value::Type::kReal:
+      return plist_new_real(value.doubleValue());
+    case Value::Type::kString:
+      return plist_new_string(value.asString()->c_str());
+    case Value::Type::kData: {
+      const auto& d = *value.asData();
+      return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size());
+    }
+    case Value::Type::kDate: {
+      // Property-list dates hold 32-bit seconds from 2001: clamp to that range.
+      const auto us = value.asDate()->microsecondsSinceEpoch;
+      std::int64_t secs = us / 1000000;
+      std::int64_t usec = us % 1000000;
+      if (usec < 0) {
+        usec += 1000000;
+        --secs;
+      }
+      secs -= kPlistEpochOffset;
+      if (secs < std::numeric_limits<std::int32_t>::min())
+        secs = std::numeric_limits<std::int32_t>::min();
+      if (secs > std::numeric_limits<std::int32_t>::max())
+        secs = std::numeric_limits<std::int32_t>::max();
+      return plist_new_date(static_cast<std::int32_t>(secs), static_cast<std::int32_t>(usec));
+    }
+    case Value::Type::kArray: {
+      plist_t array = plist_new_array();
+      for (const auto& item : *value.asArray()) {
+        if (plist_t child = toNode(item))
+          plist_array_append_item(array, child);
+      }
+      return array;
+    }
+    case Value::Type::kDictionary: {
+      const auto& dict = *value.asDictionary();
+      // {"CF$UID" = n} is how a UID reads back; write it as one again.
+      if (dict.size() == 1 && dict.begin()->first == "CF$UID" &&
+          dict.begin()->second.type() == Value::Type::kUnsigned) {
+        return plist_new_uid(dict.begin()->second.uint64Value());
+      }
+      plist_t node = plist_new_dict();
+      for (const auto& [key, item] : dict) {
+        if (plist_t child = toNode(item))
+          plist_dict_set_item(node, key.c_str(), child);
+      }
+      return node;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+PlistParseResult parsePlist(std::span<const std::uint8_t> bytes) {
+  PlistParseResult result;
+  if (bytes.empty()) {
+    result.error = "empty property list";
+    return result;
+  }
+  if (bytes.size() > std::numeric_limits<std::uint32_t>::max() / 2) {
+    result.error = "property list too large";
+    return result;
+  }
+  const auto* data = reinterpret_cast<const char*>(bytes.data());
+  const auto length = static_cast<std::uint32_t>(bytes.size());
+  plist_t root = nullptr;
+  if (plist_is_binary(data, length)) {
+    if (!checkBinary(bytes, &result.error))
+      return result;
+    plist_from_bin(data, length, &root);
+  } else {
+    if (xmlDepth(std::string_view(data, length)) < 0) {
+      result.error = "property list nested too deeply";
+      return result;
+    }
+    plist_from_xml(data, length, &root);
+  }
+  if (root == nullptr) {
+    result.error = "not a valid property list";
+    return result;
+  }
+  PlistPtr owner(root);
+  result.value = fromNode(root);
+  return result;
+}
+
+std::vector<std::uint8_t> encodePlist(const Value& value, PlistFormat format) {
+  PlistPtr root(value.isNull() ? plist_new_dict() : toNode(value));
+  char* out = nullptr;
+  std::uint32_t length = 0;
+  if (format == PlistFormat::kBinary) {
+    plist_to_bin(root.get(), &out, &length);
+  } else {
+    plist_to_xml(root.get(), &out, &length);
+  }
+  std::vector<std::uint8_t> bytes(
+      reinterpret_cast<std::uint8_t*>(out),
+      reinterpret_cast<std::uint8_t*>(out) + (out != nullptr ? length : 0));
+  if (format == PlistFormat::kBinary) {
+    plist_to_bin_free(out);
+  } else {
+    plist_to_xml_free(out);
+  }
+  return bytes;
+}
+
+}  // namespace vantor

@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/values/plist_io.h"
+#include "platform/values/value.h"
+
+namespace vantor {
+namespace {
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+// A dictionary holding every type a property list can carry, including the
+// edges: zero bytes, non-ASCII text, dates on both sides of the format's 2001
+// reference date, empty containers.
+Value everyType() {
+  Value::Dictionary nested{
+      {"empty array", Value(Value::Array{})},
+      {"empty dictionary", Value(Value::Dictionary{})},
+      {"list", Value(Value::Array{Value(1), Value("two"), Value(Value::Array{Value(false)})})},
+  };
+  return Value(Value::Dictionary{
+      {"yes", Value(true)},
+      {"no", Value(false)},
+      {"negative", Value(std::int64_t{-42})},
+      {"most negative", Value(std::numeric_limits<std::int64_t>::min())},
+      {"positive", Value(7)},
+      {"real", Value(-2.25)},
+      {"text", Value("naïve – 日本 <&>")},
+      {"empty text", Value("")},
+      {"data", Value(Value::Data{0x00, 0x01, 0x00, 0xff, 0x00})},
+      {"date", Value(Date{1'795'341'600LL * 1'000'000})},
+      {"epoch", Value(Date{0})},
+      {"nested", Value(nested)},
+      {"ünïcode key", Value(1.0)},
+  });
+}
+
+class PlistRoundTrip : public testing::TestWithParam<PlistFormat> {};
+
+TEST_P(PlistRoundTrip, EveryTypeComesBackEqual) {
+  const Value original = everyType();
+  const auto bytes = encodePlist(original, GetParam());
+  const auto parsed = parsePlist(bytes);
+  ASSERT_TRUE(parsed.value.has_value()) << parsed.error;
+  EXPECT_EQ(*parsed.value, original) << parsed.value->description();
+}
+
+// Integers are stored as raw 64 bits plus a width; only the width tells a
+// negative number from an unsigned one past the signed range.
+TEST_P(PlistRoundTrip, UnsignedPastTheSignedRangeIsNotReadAsNegative) {
+  const Value original(Value::Array{
+      Value(std::numeric_limits<std::uint64_t>::max() - 1),
+      Value(std::uint64_t{1} << 63),
+      Value(std::int64_t{-2}),
+      Value(std::numeric_limits<std::int64_t>::max()),
+  });
+  const auto parsed = parsePlist(encodePlist(original, GetParam()));
+  ASSERT_TRUE(parsed.value.has_value()) << parsed.error;
+  EXPECT_EQ(*parsed.value, original) << parsed.value->description();
+}
+
+TEST_P(PlistRoundTrip, NullsAreLeftOutAtAnyDepth) {
+  const Value withNulls(Value::Dictionary{
+      {"kept", Value(1)},
+      {"gone", Value()},
+      {"list", Value(Value::Array{Value(1), Value(), Value(2)})},
+      {"inner", Value(Value::Dictionary{{"gone", Value()}})},
+  });
+  const Value expected(Value::Dictionary{
+      {"kept", Value(1)},
+      {"list", Value(Value::Array{Value(1), Value(2)})},
+      {"inner", Value(Value::Dictionary{})},
+  });
+  const auto parsed = parsePlist(encodePlist(withNulls, GetParam()));
+  ASSERT_TRUE(parsed.value.has_value()) << parsed.error;
+  EXPECT_EQ(*parsed.value, expected);
+
+  const auto top = parsePlist(encodePlist(Value(), GetParam()));
+  ASSERT_TRUE(top.value.has_value()) << top.error;
+  EXPECT_EQ(*top.value, Value(Value::Dictionary{}));
+}
+
+TEST_P(PlistRoundTrip, TopLevelNeedNotBeADictionary) {
+  const Value array(Value::Array{Value("a"), Value(3)});
+  const auto parsed = parsePlist(encodePlist(array, GetParam()));
+  ASSERT_TRUE(parsed.value.has_value()) << parsed.error;
+  EXPECT_EQ(*parsed.value, array);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, PlistRoundTrip,
+                         testing::Values(PlistFormat::kXml, PlistFormat::kBinary),
+                         [](const testing::TestParamInfo<PlistFormat>& format) {
+                           return format.param == PlistFormat::kXml ? "Xml" : "Binary";
+                         });
+
+TEST(PlistEncode, WritesTheRequestedFormat) {
+  const auto xml = encodePlist(everyType(), PlistFormat::kXml);
+  const auto binary = encodePlist(everyType(), PlistFormat::kBinary);
+  EXPECT_EQ(std::string(xml.begin(), xml.begin() + 5), "<?xml");
+  EXPECT_EQ(std::string(binary.begin(), binary.begin() + 8), "bplist00");
+}
+
+TEST(PlistParse, MalformedInputIsAnErrorNotACrash) {
+  const auto binary = encodePlist(everyType(), PlistFormat::kBinary);
+  const std::vector<std::uint8_t> firstHalf(binary.begin(), binary.begin() + binary.size() / 2);
+  std::vector<std::uint8_t> badTrailer = binary;
+  for (std::size_t i = badTrailer.size() - 26; i < badTrailer.size(); ++i) {
+    badTrailer[i] = 0xff;  // offsets and counts pointing far outside the buffer
+  }
+  const std::vector<std::vector<std::uint8_t>> inputs = {
+      {},
+      {0x00},
+      {'h', 'e', 'l', 'l', 'o', ',', ' ', 'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'},
+      {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0x01, 0x02, 0x03, 0x04},
+      firstHalf,
+      badTrailer,
+  };
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    const auto parsed = parsePlist(inputs[i]);
+    EXPECT_FALSE(parsed.value.has_value()) << "input " << i;
+    EXPECT_FALSE(parsed.error.empty()) << "input " << i;
+  }
+  const auto truncatedXml = parsePlist(bytesOf(
+      R"(<?xml version="1.0"?><plist version="1.0"><dict><key>a</key><integer>1</integer>)"));
+  EXPECT_FALSE(truncatedXml.value.has_value());
+  EXPECT_FALSE(truncatedXml.error.empty());
+}
+
+TEST(PlistParse, DeepNestingIsRefusedRatherThanOverflowingTheStack) {
+  constexpr int kDepth = 10'000;
+  std::string text = R"(<?xml version="1.0"?><plist version="1.0">)";
+  for (int i = 0; i < kDepth; ++i) {
+    text += "<array>";
+  }
+  for (int i = 0; i < kDepth; ++i) {
+    text += "</array>";
+  }
+  text += "</plist>";
+  const auto parsed = parsePlist(bytesOf(text));
+  EXPECT_FALSE(parsed.value.has_value());
+  EXPECT_FALSE(parsed.error.empty());
+}
+
+}  // namespace
+}  // namespace vantor
