@@ -96,7 +96,9 @@ class DBusServiceProxy final : public VantorServiceProxy {
   void send(const std::function<void(sdbus::AsyncMethodInvoker&)>& addArgs, const char* method,
             Callback&& callback) {
     try {
-      auto call = proxy_->callMethodAsync(method);
+      // The invoker keeps a reference to the method name: it must outlive it.
+      const std::string methodName(method);
+      auto call = proxy_->callMethodAsync(methodName);
       call.onInterface(dbus::kServiceInterface).withTimeout(kNoTimeout);
       addArgs(call);
       call.uponReplyInvoke(std::forward<Callback>(callback));

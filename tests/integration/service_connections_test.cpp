@@ -27,7 +27,7 @@ TEST(ACheckedInService, IsPingedThenNotifiedWhenAClientChangesTheCacheSetting) {
   ASSERT_TRUE(ctx.startDaemon());
   auto service = ctx.startService(
       {"--id", "com.example.cache", "--checkin", "--notify", "VANTOR_CACHE_ENABLED"});
-  ASSERT_TRUE(service->waitForLine("ping", seconds(10)));
+  ASSERT_TRUE(service->waitForLine("ping", seconds(10))) << ctx.daemonLog();
   auto reply = service->waitForLine("checked-in", seconds(10));
   ASSERT_TRUE(reply);
   EXPECT_EQ(*reply, "checked-in {\"ANON\" = true; \"VANTOR_ID\" = \"com.example.cache\";}");

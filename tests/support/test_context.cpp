@@ -268,7 +268,12 @@ bool TestContext::startDaemon(const std::map<std::string, std::string>& extraEnv
   const bool owned =
       watch_.waitFor("NameOwnerChanged:com.tessaly.vantor:owned", std::chrono::seconds(20));
   EXPECT_TRUE(owned) << "vantord did not take its bus name; log:\n" << daemonLog();
-  return owned;
+  // The launch notification follows the signal handlers: from here on the
+  // daemon is fully up.
+  const bool launched =
+      owned && watch_.waitFor("Posted:com.tessaly.vantor.launched", std::chrono::seconds(20));
+  EXPECT_TRUE(!owned || launched) << "vantord did not announce its launch; log:\n" << daemonLog();
+  return launched;
 }
 
 bool TestContext::stopDaemon() {

@@ -17,15 +17,15 @@ std::optional<sdbus::Variant> toVariant(const Value& value) {
     case Value::Type::kReal:
       return sdbus::Variant(value.doubleValue());
     case Value::Type::kString:
-      return sdbus::Variant(*value.asString());
+      return sdbus::Variant(value.get<std::string>());
     case Value::Type::kData:
-      return sdbus::Variant(*value.asData());
+      return sdbus::Variant(value.get<Value::Data>());
     case Value::Type::kDate:
-      return sdbus::Variant(sdbus::Struct<std::int64_t>{value.asDate()->microsecondsSinceEpoch});
+      return sdbus::Variant(sdbus::Struct<std::int64_t>{value.get<Date>().microsecondsSinceEpoch});
     case Value::Type::kArray:
-      return sdbus::Variant(toVariantArray(*value.asArray()));
+      return sdbus::Variant(toVariantArray(value.get<Value::Array>()));
     case Value::Type::kDictionary:
-      return sdbus::Variant(toVariantMap(*value.asDictionary()));
+      return sdbus::Variant(toVariantMap(value.get<Value::Dictionary>()));
   }
   return std::nullopt;
 }

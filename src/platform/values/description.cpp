@@ -85,12 +85,12 @@ void append(std::string& out, const Value& value) {
       break;
     }
     case Value::Type::kString:
-      appendQuoted(out, *value.asString());
+      appendQuoted(out, value.get<std::string>());
       break;
     case Value::Type::kData: {
       out.push_back('<');
       char buf[3];
-      for (auto byte : *value.asData()) {
+      for (auto byte : value.get<Value::Data>()) {
         std::snprintf(buf, sizeof buf, "%02x", byte);
         out += buf;
       }
@@ -98,12 +98,12 @@ void append(std::string& out, const Value& value) {
       break;
     }
     case Value::Type::kDate:
-      appendDate(out, *value.asDate());
+      appendDate(out, value.get<Date>());
       break;
     case Value::Type::kArray: {
       out.push_back('(');
       bool first = true;
-      for (const auto& item : *value.asArray()) {
+      for (const auto& item : value.get<Value::Array>()) {
         if (!first)
           out += ", ";
         first = false;
@@ -115,7 +115,7 @@ void append(std::string& out, const Value& value) {
     case Value::Type::kDictionary: {
       out.push_back('{');
       bool first = true;
-      for (const auto& [key, item] : *value.asDictionary()) {
+      for (const auto& [key, item] : value.get<Value::Dictionary>()) {
         if (!first)
           out.push_back(' ');
         first = false;

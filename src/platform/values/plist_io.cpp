@@ -278,12 +278,12 @@ plist_t toNode(const Value& value) {
     case Value::Type::kString:
       return plist_new_string(value.asString()->c_str());
     case Value::Type::kData: {
-      const auto& d = *value.asData();
+      const auto& d = value.get<Value::Data>();
       return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size());
     }
     case Value::Type::kDate: {
       // Property-list dates hold 32-bit seconds from 2001: clamp to that range.
-      const auto us = value.asDate()->microsecondsSinceEpoch;
+      const auto us = value.get<Date>().microsecondsSinceEpoch;
       std::int64_t secs = us / 1000000;
       std::int64_t usec = us % 1000000;
       if (usec < 0) {
@@ -299,14 +299,14 @@ plist_t toNode(const Value& value) {
     }
     case Value::Type::kArray: {
       plist_t array = plist_new_array();
-      for (const auto& item : *value.asArray()) {
+      for (const auto& item : value.get<Value::Array>()) {
         if (plist_t child = toNode(item))
           plist_array_append_item(array, child);
       }
       return array;
     }
     case Value::Type::kDictionary: {
-      const auto& dict = *value.asDictionary();
+      const auto& dict = value.get<Value::Dictionary>();
       // {"CF$UID" = n} is how a UID reads back; write it as one again.
       if (dict.size() == 1 && dict.begin()->first == "CF$UID" &&
           dict.begin()->second.type() == Value::Type::kUnsigned) {

@@ -81,6 +81,13 @@ class Value {
   const Dictionary* asDictionary() const { return std::get_if<Dictionary>(&v_); }
   Dictionary* asDictionary() { return std::get_if<Dictionary>(&v_); }
 
+  // Checked access for code that has already tested type(): throws
+  // std::bad_variant_access on a mismatch, e.g. get<Value::Array>().
+  template <typename T>
+  const T& get() const {
+    return std::get<T>(v_);
+  }
+
   // Numeric readings in the manner of a number object: integers, unsigned
   // integers, reals and booleans all answer; a string answers the number it
   // starts with (0 when none). Reals are truncated toward zero and clamped to
