@@ -3,7 +3,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
+
 #include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include "support/test_context.h"
 
@@ -155,6 +159,80 @@ TEST(ACheckinNamingABusNameThatDoesNotExist, IsAnsweredAndForgotten) {
   // And everyone else is still served.
   auto service = ctx.startService({"--id", "com.example.alive", "--checkin"});
   EXPECT_TRUE(service->waitForLine("checked-in", seconds(10)));
+}
+
+// A service written against the raw bus rather than the kit: it answers the
+// ping with `pong` and every notification with a reply of the wrong shape.
+struct RawService {
+  std::unique_ptr<sdbus::IConnection> connection;
+  std::unique_ptr<sdbus::IObject> object;
+  std::atomic<int> notifications{0};
+};
+
+std::unique_ptr<RawService> startRawService(TestContext& ctx,
+                                            std::function<void(sdbus::MethodCall)> pong) {
+  auto raw = std::make_unique<RawService>();
+  raw->connection = ctx.connect();
+  raw->object = sdbus::createObject(*raw->connection, "/com/tessaly/vantor/Service");
+  const std::string iface = "com.tessaly.vantor.Service";
+  raw->object->registerMethod(iface, "ServicePing", "", "", std::move(pong));
+  raw->object->registerMethod(iface, "ServiceNotify", "a{sv}", "",
+                              [r = raw.get()](sdbus::MethodCall call) {
+                                ++r->notifications;
+                                auto reply = call.createReply();
+                                reply << std::string("garbage") << std::int32_t{42};
+                                reply.send();
+                              });
+  raw->object->finishRegistration();
+  return raw;
+}
+
+void checkInRaw(RawService& raw, const std::string& id) {
+  auto proxy = sdbus::createProxy(*raw.connection, "com.tessaly.vantor", "/com/tessaly/vantor");
+  std::map<std::string, sdbus::Variant> info{
+      {"VANTOR_NOTIFICATIONS", sdbus::Variant(std::vector<sdbus::Variant>{
+                                   sdbus::Variant(std::string("VANTOR_CACHE_ENABLED"))})}};
+  proxy->callMethodAsync("ClientCheckin")
+      .onInterface("com.tessaly.vantor.Client")
+      .withArguments(
+          id,
+          sdbus::Struct<std::string, sdbus::ObjectPath>{
+              raw.connection->getUniqueName(), sdbus::ObjectPath("/com/tessaly/vantor/Service")},
+          info)
+      .uponReplyInvoke([](const sdbus::Error*) {});
+}
+
+TEST(AMisbehavingService, GarbageRepliesAndErrorsLeaveEveryoneElseServed) {
+  TestContext ctx;
+  ctx.grantUser("me.plist", ::getuid(), kClientAndService);
+  ASSERT_TRUE(ctx.startDaemon());
+
+  // Answers the ping with a D-Bus error: the daemon gives up on it.
+  auto failing = startRawService(ctx, [](sdbus::MethodCall call) {
+    call.createErrorReply(sdbus::Error("com.example.Broken", "no pong today")).send();
+  });
+  checkInRaw(*failing, "com.example.failing");
+  ASSERT_TRUE(ctx.waitForLog("invalidationHandler ENTRY", seconds(10))) << ctx.daemonLog();
+
+  // Answers the ping with extra arguments and notifications with garbage.
+  auto noisy = startRawService(ctx, [](sdbus::MethodCall call) {
+    auto reply = call.createReply();
+    reply << std::string("unexpected");
+    reply.send();
+  });
+  checkInRaw(*noisy, "com.example.noisy");
+
+  auto good = ctx.startService(
+      {"--id", "com.example.good", "--checkin", "--notify", "VANTOR_CACHE_ENABLED"});
+  ASSERT_TRUE(good->waitForLine("checked-in", seconds(10))) << ctx.daemonLog();
+  auto client = ctx.connect();
+  setState(*client, "VANTOR_CACHE_ENABLED", {sdbus::Variant(false)});
+  EXPECT_TRUE(good->waitForLine("notify", seconds(10)));
+  EXPECT_EQ(failing->notifications, 0);
+  EXPECT_FALSE(ctx.daemon().waitExit(milliseconds(0)));
+  EXPECT_EQ(callForError(*client, "ClientGetState",
+                         [](sdbus::MethodCall& call) { call << std::string("KEY"); }),
+            "");
 }
 
 }  // namespace
