@@ -117,7 +117,7 @@ TEST(AServiceThatNeverAnswersThePing, HoldsRegistrationButNotClientState) {
   ctx.grantUser("me.plist", ::getuid(), kClientAndService);
   ASSERT_TRUE(ctx.startDaemon());
   auto mute = ctx.startService({"--id", "com.example.mute", "--checkin", "--no-pong"});
-  ASSERT_TRUE(mute->waitForLine("ping", seconds(10)));
+  ASSERT_TRUE(mute->waitForLine("ping", seconds(10))) << ctx.daemonLog();
 
   // Client state lives on its own queue and keeps working.
   auto client = ctx.connect();

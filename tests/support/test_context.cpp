@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -219,6 +220,14 @@ TestContext::TestContext() : root_(dir_.path() / "root"), stateDir_(dir_.path() 
 }
 
 TestContext::~TestContext() {
+  // A failed test shows what the daemon and the services said.
+  if (::testing::Test::HasFailure()) {
+    std::ifstream services(dir_.path() / "services.log");
+    std::stringstream text;
+    text << services.rdbuf();
+    std::fprintf(stderr, "--- vantord log\n%s--- services' stderr\n%s---\n", daemonLog().c_str(),
+                 text.str().c_str());
+  }
   daemon_.reset();
   watcher_.reset();
 }
