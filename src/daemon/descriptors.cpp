@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "daemon/vantor.h"
+#include "platform/files/read_file.h"
 #include "platform/values/plist_io.h"
 #include "support/log.h"
 
@@ -22,49 +23,6 @@ constexpr char kStep[] = "-[Vantor init]_block_invoke";
 
 // Descriptors are small; anything larger is not one.
 constexpr std::size_t kMaxDescriptorBytes = 4 << 20;
-
-// Reads a whole regular file. Anything else (a directory, a fifo, a device)
-// is unreadable: opening a fifo for reading could block start-up for good.
-std::optional<std::vector<std::uint8_t>> readDescriptor(const std::filesystem::path& path,
-                                                        std::string* error) {
-  std::error_code ec;
-  auto status = std::filesystem::status(path, ec);
-  if (ec) {
-    *error = ec.message();
-    return std::nullopt;
-  }
-  if (!std::filesystem::is_regular_file(status)) {
-    *error = std::filesystem::is_directory(status) ? "Is a directory" : "Not a regular file";
-    return std::nullopt;
-  }
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) {
-    *error = std::system_category().message(errno);
-    return std::nullopt;
-  }
-  std::vector<std::uint8_t> bytes;
-  std::uint8_t chunk[16384];
-  for (;;) {
-    ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0) {
-      *error = std::system_category().message(errno);
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (n == 0)
-      break;
-    bytes.insert(bytes.end(), chunk, chunk + n);
-    if (bytes.size() > kMaxDescriptorBytes) {
-      *error = "File too large";
-      ::close(fd);
-      return std::nullopt;
-    }
-  }
-  ::close(fd);
-  return bytes;
-}
 
 }  // namespace
 
@@ -83,7 +41,7 @@ void Vantor::scanPlistsAtPath(const std::string& path,
     VANTOR_LOG(5, "%s looking at: %@", kScan, full.c_str());
 
     std::string error;
-    auto bytes = readDescriptor(full, &error);
+    auto bytes = readRegularFile(full, kMaxDescriptorBytes, &error);
     if (bytes) {
       auto parsed = parsePlist(*bytes);
       if (parsed.value && parsed.value->isDictionary()) {

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <system_error>
 
+#include "platform/files/read_file.h"
 #include "platform/values/plist_io.h"
 
 namespace vantor {
@@ -50,37 +51,6 @@ std::optional<gid_t> resolveGroup(const std::string& name) {
     return std::nullopt;
   }
   return gr.gr_gid;
-}
-
-std::optional<std::vector<std::uint8_t>> readSmallFile(const std::filesystem::path& path,
-                                                       std::string* error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) {
-    *error = std::system_category().message(errno);
-    return std::nullopt;
-  }
-  std::vector<std::uint8_t> bytes;
-  std::uint8_t chunk[8192];
-  for (;;) {
-    ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0) {
-      *error = std::system_category().message(errno);
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (n == 0)
-      break;
-    bytes.insert(bytes.end(), chunk, chunk + n);
-    if (bytes.size() > kMaxPolicyFileBytes) {
-      *error = "file too large";
-      ::close(fd);
-      return std::nullopt;
-    }
-  }
-  ::close(fd);
-  return bytes;
 }
 
 // Collects the strings of an array entry; other element types are skipped.
@@ -130,7 +100,7 @@ EntitlementPolicy EntitlementPolicy::load(const std::filesystem::path& directory
       continue;
     }
     std::string error;
-    auto bytes = readSmallFile(file, &error);
+    auto bytes = readRegularFile(file, kMaxPolicyFileBytes, &error);
     if (!bytes) {
       warn(file, "unreadable: " + error);
       continue;

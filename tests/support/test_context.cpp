@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/clock/clock.h"
 #include "platform/values/plist_io.h"
 #include "support/log.h"
 
@@ -402,6 +403,19 @@ bool LogCapture::contains(const std::string& text) const {
 void LogCapture::clear() {
   std::lock_guard lock(captured().mutex);
   captured().lines.clear();
+}
+
+void CoordinatorTest::SetUp() {
+  Vantor::Options options;
+  options.root = dir_.path().string();
+  options.stateDirectory = (dir_.path() / "state").string();
+  options.listen = false;
+  vantor_ = Vantor::create(options);
+}
+
+void CoordinatorTest::TearDown() {
+  clock::setWallClockForTesting({});
+  setLogHandleForTesting(false, 0);
 }
 
 }  // namespace vantor::test

@@ -13,8 +13,10 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "daemon/vantor.h"
 #include "platform/values/value.h"
 
 namespace vantor::test {
@@ -157,6 +159,17 @@ class LogCapture {
   std::vector<std::string> lines() const;
   bool contains(const std::string& text) const;
   void clear();
+};
+
+// A coordinator created in process, off the bus, on a fresh temporary root
+// and state directory. Tear-down restores the log gate and the wall clock.
+class CoordinatorTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  TempDir dir_;
+  std::shared_ptr<Vantor> vantor_;
 };
 
 }  // namespace vantor::test

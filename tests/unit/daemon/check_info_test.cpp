@@ -9,17 +9,8 @@
 namespace vantor::test {
 namespace {
 
-class CheckInfo : public ::testing::Test {
+class CheckInfo : public CoordinatorTest {
  protected:
-  void SetUp() override {
-    Vantor::Options options;
-    options.root = dir_.path().string();
-    options.stateDirectory = (dir_.path() / "state").string();
-    options.listen = false;
-    vantor_ = Vantor::create(options);
-  }
-  void TearDown() override { setLogHandleForTesting(false, 0); }
-
   std::string errorOf(const Value& info) {
     auto error = vantor_->_checkInfo(info);
     if (!error)
@@ -28,9 +19,6 @@ class CheckInfo : public ::testing::Test {
     EXPECT_EQ(error->asDictionary()->size(), 1u);
     return message != nullptr && message->isString() ? *message->asString() : "<no message>";
   }
-
-  TempDir dir_;
-  std::shared_ptr<Vantor> vantor_;
 };
 
 TEST_F(CheckInfo, RefusesWhatIsNotADictionary) {

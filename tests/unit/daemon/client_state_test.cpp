@@ -9,26 +9,14 @@
 namespace vantor::test {
 namespace {
 
-class ClientStateWorkers : public ::testing::Test {
+class ClientStateWorkers : public CoordinatorTest {
  protected:
-  void SetUp() override {
-    Vantor::Options options;
-    options.root = dir_.path().string();
-    options.stateDirectory = (dir_.path() / "state").string();
-    options.listen = false;
-    vantor_ = Vantor::create(options);
-  }
-  void TearDown() override { setLogHandleForTesting(false, 0); }
-
   Value get(const Value& key) {
     return vantor_->defaults_queue->syncResult([&] { return vantor_->clientGetStateSync(key); });
   }
   void set(const Value& value, const Value& key) {
     vantor_->defaults_queue->sync([&] { vantor_->clientSetStateSync(value, key); });
   }
-
-  TempDir dir_;
-  std::shared_ptr<Vantor> vantor_;
 };
 
 TEST_F(ClientStateWorkers, ANonStringKeyAnswersNullWithALogLine) {

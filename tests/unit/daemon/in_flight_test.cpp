@@ -14,23 +14,7 @@
 namespace vantor::test {
 namespace {
 
-class InFlight : public ::testing::Test {
- protected:
-  void SetUp() override {
-    Vantor::Options options;
-    options.root = dir_.path().string();
-    options.stateDirectory = (dir_.path() / "state").string();
-    options.listen = false;
-    vantor_ = Vantor::create(options);
-  }
-  void TearDown() override {
-    clock::setWallClockForTesting({});
-    setLogHandleForTesting(false, 0);
-  }
-
-  TempDir dir_;
-  std::shared_ptr<Vantor> vantor_;
-};
+using InFlight = CoordinatorTest;
 
 TEST_F(InFlight, AddsOnceAndRemovesOnce) {
   Vantor& v = *vantor_;
