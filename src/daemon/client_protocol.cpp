@@ -5,14 +5,6 @@
 
 namespace vantor {
 
-void Vantor::clientPurgeableSpace(const Value&, DictionaryReply) {
-  throw NotSupportedError("purgeable space is not available in this version");
-}
-
-void Vantor::clientItemizedPurgeableSpace(const Value&, DictionaryReply) {
-  throw NotSupportedError("itemized purgeable space is not available in this version");
-}
-
 void Vantor::clientPurge(const Value&, DictionaryReply) {
   throw NotSupportedError("purge is not available in this version");
 }

@@ -40,6 +40,15 @@ std::uint64_t Vantor::requestsInFlight(const StringSet& set) {
   return collection_queue->syncResult([&] { return static_cast<std::uint64_t>(set.size()); });
 }
 
+std::string Vantor::inFlightDescription(const StringSet& set) {
+  return collection_queue->syncResult([&] {
+    Value::Array members;
+    for (const auto& identifier : set)
+      members.emplace_back(identifier);
+    return Value(std::move(members)).description();
+  });
+}
+
 bool Vantor::optOutService(const std::string& identifier, OptOut action) {
   return collection_queue->syncResult([&]() -> bool {
     const Date now = clock::now();

@@ -120,6 +120,25 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   bool optOutService(const std::string& identifier, OptOut action);
   // Services whose doesPurge is set. Must run on operation_queue.
   std::int32_t purgingServices();
+  // The members of `set`, for log lines.
+  std::string inFlightDescription(const StringSet& set);
+
+  // --- recent-info cache (runs on defaults_queue) ----------------------------
+  // Which purging services must be asked about info["VANTOR_VOLUME"]
+  // ("VANTOR_SERVICES_TO_QUERY") and the cached amounts of the others
+  // ("VANTOR_SERVICES_TO_COUNT"). Synchronous; never call it on defaults_queue.
+  Value cachedInfo(const Value& info);
+  // Records one service's reply {"VANTOR_VOLUME", "VANTOR_AMOUNT"}; returns at
+  // once and writes the cache on defaults_queue.
+  void updateServiceStats(const std::string& identifier, const Value& info);
+
+  // --- purgeable-space query ---------------------------------------------
+  // The error result of _checkInfo, or the query's result: one entry per
+  // counted service, "VANTOR_VOLUME" and "VANTOR_TOTAL_AVAILABLE". Never call
+  // it on operation_queue.
+  Value totalAvailable(const Value& info);
+  // The query itself; must run on operation_queue, which it holds throughout.
+  Value _totalAvailable(std::int32_t urgency, const Value& info);
 
   // --- client protocol -----------------------------------------------------
   void clientCheckin(const std::string& serviceId, const ServiceEndpoint& endpoint,
@@ -154,6 +173,9 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
  private:
   Vantor() = default;
   bool init(const Options& options, std::string* listenError);
+  // Asks one service for its purgeable amount and records the answer.
+  void askPurgeable(const std::shared_ptr<VTService>& service, const std::string& identifier,
+                    std::int32_t urgency, const Value& info);
   void registerService(const std::string& serviceId, const ServiceEndpoint& endpoint,
                        const Value& info, const CheckinReply& reply);
 
