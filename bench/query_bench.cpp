@@ -5,7 +5,7 @@
 // round trips: uncached (the recent-info cache emptied before each query, so
 // every service is asked) and cached (answered from the cache alone). Prints
 // p50 and p99 of each, and the daemon's resident memory with the services
-// registered.
+// registered. Usage: query_bench [QUERIES [SERVICE-COUNT...]]
 
 #include <unistd.h>
 
@@ -97,7 +97,13 @@ int main(int argc, char** argv) {
   std::printf(
       "purgeable-space queries on / (targets at 100 services: cached p50 <= 1 ms, "
       "uncached p50 <= 30 ms)\n");
-  for (int count : {1, 10, 100})
+  std::vector<int> counts{1, 10, 100};
+  if (argc > 2) {
+    counts.clear();
+    for (int i = 2; i < argc; ++i)
+      counts.push_back(std::atoi(argv[i]));
+  }
+  for (int count : counts)
     run(count, queries);
   return 0;
 }

@@ -28,10 +28,17 @@ std::shared_ptr<VantorRecentInfo> loadRecentInfo(Vantor& vantor) {
                stored.description().c_str());
     return nullptr;
   }
+  const auto& archive = stored.get<Value::Data>();
+  auto& memo = vantor.recentInfoMemo;
+  if (memo.record && memo.archive == archive)
+    return memo.record->copy();
   std::string error;
-  auto info = unarchiveRecentInfo(stored.get<Value::Data>(), &error);
-  if (!info)
+  auto info = unarchiveRecentInfo(archive, &error);
+  if (!info) {
     VANTOR_LOG(3, "%s cannot unarchive %s: %s", "loadRecentInfo", kRecentKey, error.c_str());
+    return nullptr;
+  }
+  memo = {archive, info->copy()};
   return info;
 }
 
@@ -48,8 +55,14 @@ std::string describe(const VantorRecentInfo& info) {
 }
 
 void storeRecentInfo(Vantor& vantor, const VantorRecentInfo* info) {
-  vantor.clientSetStateSync(info != nullptr ? Value(archiveRecentInfo(*info)) : Value(),
-                            Value(kRecentKey));
+  if (info == nullptr) {
+    vantor.recentInfoMemo = {};
+    vantor.clientSetStateSync(Value(), Value(kRecentKey));
+    return;
+  }
+  auto archive = archiveRecentInfo(*info);
+  vantor.recentInfoMemo = {archive, info->copy()};
+  vantor.clientSetStateSync(Value(std::move(archive)), Value(kRecentKey));
 }
 
 }  // namespace

@@ -27,6 +27,7 @@ namespace vantor {
 extern double gTimebaseConversion;
 
 class Vantor;
+class VantorRecentInfo;
 
 // The one coordinator of the process, set once by main.
 extern std::shared_ptr<Vantor> sharedVantor;
@@ -131,6 +132,15 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   // Records one service's reply {"VANTOR_VOLUME", "VANTOR_AMOUNT"}; returns at
   // once and writes the cache on defaults_queue.
   void updateServiceStats(const std::string& identifier, const Value& info);
+
+  // The record last read or written, decoded, and the archive it came from:
+  // while the stored archive is unchanged it need not be decoded again.
+  // Belongs to defaults_queue.
+  struct RecentInfoMemo {
+    Value::Data archive;
+    std::shared_ptr<const VantorRecentInfo> record;
+  };
+  RecentInfoMemo recentInfoMemo;
 
   // --- purgeable-space query ---------------------------------------------
   // The error result of _checkInfo, or the query's result: one entry per

@@ -32,6 +32,21 @@ std::shared_ptr<VantorRecentInfo> VantorRecentInfo::vantorRecentInfo(Volumes vol
   return info;
 }
 
+std::shared_ptr<VantorRecentInfo> VantorRecentInfo::copy() const {
+  auto out = std::make_shared<VantorRecentInfo>();
+  for (const auto& [name, volume] : volumes) {
+    if (!volume)
+      continue;
+    auto v = std::make_shared<VantorRecentVolumeInfo>(*volume);
+    for (auto& [id, service] : v->services) {
+      if (service)
+        service = std::make_shared<VantorRecentServiceInfo>(*service);
+    }
+    out->volumes.emplace(name, std::move(v));
+  }
+  return out;
+}
+
 // What falls:
 // - a whole volume, when its free space now differs from the free space
 //   recorded with its entries by more than the tolerance, in either

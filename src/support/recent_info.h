@@ -54,6 +54,9 @@ class VantorRecentInfo {
   // which entries fall.
   std::int32_t validate(std::uint64_t freespaceTolerance, double threshold);
 
+  // A deep copy: no entry is shared with this record.
+  std::shared_ptr<VantorRecentInfo> copy() const;
+
   Volumes volumes;
 };
 

@@ -185,7 +185,11 @@ bool SettingsStore::write(std::string* error) {
       *error = errnoText("cannot create a temporary file next to " + path_.string(), errno);
     return false;
   }
-  const bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+  // No fsync: the rename makes the new contents visible whole, so a killed
+  // process never loses an acknowledged write; only a power failure may take
+  // the latest writes with it. Syncing each write would cost more than the
+  // write itself, and the cache writes through on every service reply.
+  const bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, bytes);
   const int err = errno;
   struct stat st {};
   const bool statOk = ok && ::fstat(fd, &st) == 0;

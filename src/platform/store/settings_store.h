@@ -16,9 +16,10 @@ namespace vantor {
 //
 // Writes replace the file atomically (a temporary file in the same directory,
 // then rename), so a reader, or a process killed at any moment, sees either
-// the old or the new contents, never a mix; an acknowledged `setObject` is on
-// disk when it returns. The directory is not fsynced, so the last write may be
-// lost on power failure.
+// the old or the new contents, never a mix; an acknowledged `setObject` is in
+// the file system when it returns and survives the process being killed.
+// Neither the file nor the directory is fsynced, so the latest writes may be
+// lost (but the file is never left corrupt) on power failure.
 //
 // A file that cannot be parsed, or whose top level is not a dictionary, is
 // moved aside (renamed to "<name>.corrupt-<unix seconds>", never deleted) and

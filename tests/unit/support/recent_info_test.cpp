@@ -51,6 +51,7 @@ TEST_F(RecentInfo, ArchivesEveryAmountTypeAndReadsItBack) {
   auto plist = parsePlist(bytes);
   ASSERT_TRUE(plist.value);
   EXPECT_EQ(*plist.value->find("$archiver"), Value("NSKeyedArchiver"));
+  EXPECT_EQ(*plist.value->find("$version"), Value(100000));
   EXPECT_EQ(*plist.value->find("$top")->find("root"),
             Value(Value::Dictionary{{"CF$UID", Value(std::uint64_t{1})}}));
   EXPECT_EQ(plist.value->find("$objects")->get<Value::Array>().front(), Value("$null"));
@@ -120,6 +121,17 @@ TEST_F(RecentInfo, OldAnswersFallAndTheLastOneTakesTheRecordWithIt) {
   clock::setWallClockForTesting([] { return Date{kNow.microsecondsSinceEpoch + 2000000}; });
   EXPECT_EQ(record->validate(5242880, 120.0), VantorRecentInfo::kRemoveRecord);
   EXPECT_TRUE(record->volumes.empty());
+}
+
+TEST_F(RecentInfo, AnswersFromTheFutureFallAndAnEmptyRecordIsRemoved) {
+  // The clock was set back: an answer dated well ahead has an unknown age.
+  auto record = rootRecord({{"com.example.ahead", answer(Value(1), secondsAgo(-60))},
+                            {"com.example.now", answer(Value(1), secondsAgo(-1))}});
+  EXPECT_EQ(record->validate(5242880, 120.0), VantorRecentInfo::kStoreAgain);
+  EXPECT_EQ(record->volumes.at("/")->services.count("com.example.now"), 1u);
+
+  VantorRecentInfo empty;
+  EXPECT_EQ(empty.validate(5242880, 120.0), VantorRecentInfo::kRemoveRecord);
 }
 
 TEST_F(RecentInfo, AVolumeWhoseFreeSpaceMovedFallsAsAWhole) {
