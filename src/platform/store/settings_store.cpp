@@ -62,8 +62,9 @@ std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& 
 }
 
 std::optional<Value> SettingsStore::objectForKey(const std::string& key) const {
-  const auto it = contents_.find(key);
-  if (it == contents_.end())
+  const auto& dict = contents_.get<Value::Dictionary>();
+  const auto it = dict.find(key);
+  if (it == dict.end())
     return std::nullopt;
   return it->second;
 }
@@ -71,9 +72,9 @@ std::optional<Value> SettingsStore::objectForKey(const std::string& key) const {
 bool SettingsStore::setObject(const std::string& key, std::optional<Value> value,
                               std::string* error) {
   if (value && !value->isNull()) {
-    contents_.insert_or_assign(key, std::move(*value));
+    contents().insert_or_assign(key, std::move(*value));
   } else {
-    contents_.erase(key);
+    contents().erase(key);
   }
   return write(error);
 }
@@ -95,7 +96,7 @@ bool SettingsStore::synchronize(std::string* error) {
 // does not parse as a dictionary is moved aside so it is kept for inspection
 // but never read again.
 bool SettingsStore::load(std::string* error) {
-  contents_.clear();
+  contents_ = Value(Value::Dictionary{});
   stamp_.reset();
   const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
@@ -143,7 +144,7 @@ bool SettingsStore::load(std::string* error) {
     } else if (!parsed.value->isDictionary()) {
       reason = "top level is not a dictionary";
     } else {
-      contents_ = std::move(*parsed.value->asDictionary());
+      contents_ = std::move(*parsed.value);
       stamp_ = stamp;
       return true;
     }
@@ -175,7 +176,7 @@ bool SettingsStore::load(std::string* error) {
 }
 
 bool SettingsStore::write(std::string* error) {
-  const auto bytes = encodePlist(Value(contents_), PlistFormat::kBinary);
+  const auto bytes = encodePlist(contents_, PlistFormat::kBinary);
   std::string tmpl = path_.string() + ".XXXXXX";
   std::vector<char> name(tmpl.begin(), tmpl.end());
   name.push_back('\0');

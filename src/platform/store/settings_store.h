@@ -67,7 +67,9 @@ class SettingsStore {
   };
 
   std::filesystem::path path_;
-  Value::Dictionary contents_;
+  // Always a dictionary; kept as a value so writing it needs no copy.
+  Value contents_{Value::Dictionary{}};
+  Value::Dictionary& contents() { return contents_.get<Value::Dictionary>(); }
   std::optional<FileStamp> stamp_;
 };
 

@@ -87,6 +87,10 @@ class Value {
   const T& get() const {
     return std::get<T>(v_);
   }
+  template <typename T>
+  T& get() {
+    return std::get<T>(v_);
+  }
 
   // Numeric readings in the manner of a number object: integers, unsigned
   // integers, reals and booleans all answer; a string answers the number it
