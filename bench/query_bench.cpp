@@ -19,27 +19,15 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "figures.h"
 #include "platform/values/dbus_value.h"
 #include "support/test_context.h"
 
 namespace {
 
+using vantor::bench::percentile;
+using vantor::bench::residentKiB;
 using Clock = std::chrono::steady_clock;
-
-double percentile(std::vector<double> v, double p) {
-  std::sort(v.begin(), v.end());
-  return v[static_cast<std::size_t>(p * static_cast<double>(v.size() - 1) + 0.5)];
-}
-
-long residentKiB(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0)
-      return std::stol(line.substr(6));
-  }
-  return -1;
-}
 
 void run(int serviceCount, int queries) {
   vantor::test::TestContext ctx;

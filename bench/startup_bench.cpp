@@ -13,27 +13,15 @@
 #include <string>
 #include <vector>
 
+#include "figures.h"
 #include "platform/values/plist_io.h"
 #include "support/test_context.h"
 
 namespace {
 
+using vantor::bench::percentile;
+using vantor::bench::residentKiB;
 using Clock = std::chrono::steady_clock;
-
-long residentKiB(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0)
-      return std::stol(line.substr(6));
-  }
-  return -1;
-}
-
-double percentile(std::vector<double> v, double p) {
-  std::sort(v.begin(), v.end());
-  return v[static_cast<std::size_t>(p * static_cast<double>(v.size() - 1) + 0.5)];
-}
 
 void run(vantor::test::TestContext& ctx, const char* label,
          const std::map<std::string, std::string>& env, int runs) {

@@ -16,16 +16,13 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "figures.h"
 #include "support/test_context.h"
 
 namespace {
 
+using vantor::bench::percentile;
 using Clock = std::chrono::steady_clock;
-
-double percentile(std::vector<double>& v, double p) {
-  std::sort(v.begin(), v.end());
-  return v[static_cast<std::size_t>(p * static_cast<double>(v.size() - 1) + 0.5)];
-}
 
 // Each client sets its own key (so sets never overwrite one another) or
 // reads it back; returns the latencies in microseconds.
