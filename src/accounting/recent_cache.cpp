@@ -2,6 +2,8 @@
 // volume, and recording each answer as it arrives. The record lives only in
 // the settings store, archived, and is touched only on defaults_queue.
 
+#include <utility>
+
 #include "daemon/vantor.h"
 #include "platform/clock/clock.h"
 #include "support/log.h"
@@ -18,7 +20,8 @@ constexpr char kRecentKey[] = "VANTOR_RECENT_SERVICE_STATS";
 constexpr std::uint64_t kFreespaceTolerance = 5242880;
 constexpr double kAgeLimit = 120.0;
 
-// The stored record, or null when there is none or it cannot be read.
+// The stored record, or null when there is none or it cannot be read. The
+// caller owns what it gets; see keepRecentInfo.
 std::shared_ptr<VantorRecentInfo> loadRecentInfo(Vantor& vantor) {
   const Value stored = vantor.clientGetStateSync(Value(kRecentKey));
   if (stored.isNull())
@@ -31,15 +34,21 @@ std::shared_ptr<VantorRecentInfo> loadRecentInfo(Vantor& vantor) {
   const auto& archive = stored.get<Value::Data>();
   auto& memo = vantor.recentInfoMemo;
   if (memo.record && memo.archive == archive)
-    return memo.record->copy();
+    return std::exchange(memo.record, nullptr);
   std::string error;
   auto info = unarchiveRecentInfo(archive, &error);
   if (!info) {
     VANTOR_LOG(3, "%s cannot unarchive %s: %s", "loadRecentInfo", kRecentKey, error.c_str());
     return nullptr;
   }
-  memo = {archive, info->copy()};
+  memo = {archive, nullptr};
   return info;
+}
+
+// Hands back a record that loadRecentInfo gave and that still matches what
+// is stored, so the next reader need not decode it again.
+void keepRecentInfo(Vantor& vantor, std::shared_ptr<VantorRecentInfo> info) {
+  vantor.recentInfoMemo.record = std::move(info);
 }
 
 // A readable form of the record for log lines: volume to service to amount.
@@ -54,14 +63,14 @@ std::string describe(const VantorRecentInfo& info) {
   return Value(std::move(volumes)).description();
 }
 
-void storeRecentInfo(Vantor& vantor, const VantorRecentInfo* info) {
-  if (info == nullptr) {
+void storeRecentInfo(Vantor& vantor, std::shared_ptr<VantorRecentInfo> info) {
+  if (!info) {
     vantor.recentInfoMemo = {};
     vantor.clientSetStateSync(Value(), Value(kRecentKey));
     return;
   }
   auto archive = archiveRecentInfo(*info);
-  vantor.recentInfoMemo = {archive, info->copy()};
+  vantor.recentInfoMemo = {archive, std::move(info)};
   vantor.clientSetStateSync(Value(std::move(archive)), Value(kRecentKey));
 }
 
@@ -86,8 +95,7 @@ Value Vantor::cachedInfo(const Value& info) {
         }
       }
     }
-    const Value counted(servicesToCount);
-    VANTOR_LOG(5, "%s servicesToCount: %@", kName, counted.description().c_str());
+    VANTOR_LOG(5, "%s servicesToCount: %@", kName, Value(servicesToCount).description().c_str());
 
     // Cached services are counted whatever their flags are now; only the
     // services still to ask are filtered.
@@ -101,7 +109,9 @@ Value Vantor::cachedInfo(const Value& info) {
       storeRecentInfo(*this, nullptr);
     } else if (status == VantorRecentInfo::kStoreAgain) {
       VANTOR_LOG(5, "%s Recent Info need syncing. New values: %@", kName, describe(*stats).c_str());
-      storeRecentInfo(*this, stats.get());
+      storeRecentInfo(*this, std::move(stats));
+    } else if (stats) {
+      keepRecentInfo(*this, std::move(stats));
     }
     if (!servicesToQuery.empty()) {
       VANTOR_LOG(5, "%s servicesToQuery: %@", kName, Value(servicesToQuery).description().c_str());
@@ -147,7 +157,7 @@ void Vantor::updateServiceStats(const std::string& identifier, const Value& info
       stats = VantorRecentInfo::vantorRecentInfo({{volume, volumeInfo}});
     }
     stats->validate(kFreespaceTolerance, kAgeLimit);
-    storeRecentInfo(*self, stats.get());
+    storeRecentInfo(*self, std::move(stats));
   });
 }
 

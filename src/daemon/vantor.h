@@ -134,11 +134,12 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   void updateServiceStats(const std::string& identifier, const Value& info);
 
   // The record last read or written, decoded, and the archive it came from:
-  // while the stored archive is unchanged it need not be decoded again.
+  // while the stored archive is unchanged it need not be decoded again. A
+  // reader takes the record out and hands it back if it stays as stored.
   // Belongs to defaults_queue.
   struct RecentInfoMemo {
     Value::Data archive;
-    std::shared_ptr<const VantorRecentInfo> record;
+    std::shared_ptr<VantorRecentInfo> record;
   };
   RecentInfoMemo recentInfoMemo;
 

@@ -32,7 +32,7 @@ void Vantor::_clientSetState(const Value& value, const Value& key, const EmptyRe
   if (userDefaults && name != nullptr) {
     userDefaults->synchronize();
     Value::Dictionary state;
-    if (auto stored = userDefaults->objectForKey(kStateKey)) {
+    if (const Value* stored = userDefaults->objectForKey(kStateKey)) {
       if (const auto* dict = stored->asDictionary()) {
         state = *dict;
       } else {
@@ -74,7 +74,7 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
     reply(Value());
     return;
   }
-  std::optional<Value> stored;
+  const Value* stored = nullptr;
   if (userDefaults) {
     userDefaults->synchronize();
     stored = userDefaults->objectForKey(kStateKey);
@@ -84,8 +84,8 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
     return it != default_values.end() ? it->second : Value();
   };
   Value answer;
-  if (stored && stored->isDictionary()) {
-    const auto& state = *stored->asDictionary();
+  if (stored != nullptr && stored->isDictionary()) {
+    const auto& state = stored->get<Value::Dictionary>();
     if (*name == kStateKey) {
       Value::Dictionary whole = state;
       for (const auto& [k, v] : default_values)
@@ -98,7 +98,7 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
       VANTOR_LOG(5, "%s using default value: %@ for key: %@", kName, answer.description().c_str(),
                  name->c_str());
     }
-  } else if (stored) {
+  } else if (stored != nullptr) {
     VANTOR_LOG(3, "%s persistent_state is not a dictionary: %@", kName,
                stored->description().c_str());
   } else {

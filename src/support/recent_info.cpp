@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "platform/clock/clock.h"
+#include "platform/values/keyed_archive.h"
 #include "platform/values/plist_io.h"
 #include "support/volumes.h"
 
@@ -99,65 +100,33 @@ namespace {
 constexpr double kArchiveEpochOffset = 978307200.0;
 constexpr int kMaxDepth = 16;
 
-Value uid(std::uint64_t index) {
-  return Value(Value::Dictionary{{"CF$UID", Value(index)}});
+// Dates are kept inline as seconds since 2001 (the time an NSDate holds):
+// one object fewer per entry keeps the archive small and quick to write.
+double archivedDate(Date d) {
+  return static_cast<double>(d.microsecondsSinceEpoch) / 1e6 - kArchiveEpochOffset;
 }
 
-// Writes the object graph into $objects; every object is appended once and
-// referenced by its index.
-class Archiver {
- public:
-  Archiver() { objects_.emplace_back("$null"); }
-
-  Value add(Value object) {
-    objects_.push_back(std::move(object));
-    return uid(objects_.size() - 1);
+// Numbers travel inline; anything else is an object of its own.
+void putAmount(KeyedArchiveWriter& a, KeyedArchiveWriter::Instance& entry, const Value& amount) {
+  if (amount.isNumber()) {
+    entry.number("amount", amount);
+  } else {
+    entry.ref("amount", a.object(amount));
   }
+}
 
-  Value classRef(const std::string& name) {
-    if (auto it = classes_.find(name); it != classes_.end())
-      return it->second;
-    Value ref = add(Value(Value::Dictionary{
-        {"$classname", Value(name)},
-        {"$classes", Value(Value::Array{Value(name), Value("NSObject")})},
-    }));
-    classes_.emplace(name, ref);
-    return ref;
+// Archives a map of records as a dictionary, each record through `encode`.
+template <typename Map, typename Encode>
+KeyedArchiveWriter::Ref archiveMap(KeyedArchiveWriter& a, const Map& map, Encode encode) {
+  std::vector<KeyedArchiveWriter::Ref> keys, values;
+  keys.reserve(map.size());
+  values.reserve(map.size());
+  for (const auto& [key, item] : map) {
+    keys.push_back(a.string(key));
+    values.push_back(item ? encode(*item) : KeyedArchiveWriter::kNull);
   }
-
-  // Dates are kept inline as seconds since 2001 (the time an NSDate holds):
-  // one object fewer per entry keeps the archive small and quick to write.
-  static Value date(Date d) {
-    return Value(static_cast<double>(d.microsecondsSinceEpoch) / 1e6 - kArchiveEpochOffset);
-  }
-
-  // Numbers travel inline; anything else is an object of its own.
-  Value amount(const Value& v) {
-    if (v.isNull())
-      return uid(0);
-    if (v.isNumber())
-      return v;
-    return add(v);
-  }
-
-  template <typename Map, typename Encode>
-  Value dictionary(const Map& map, Encode encode) {
-    Value::Array keys, values;
-    for (const auto& [key, item] : map) {
-      keys.push_back(add(Value(key)));
-      values.push_back(encode(item));
-    }
-    return add(Value(Value::Dictionary{{"$class", classRef("NSDictionary")},
-                                       {"NS.keys", Value(std::move(keys))},
-                                       {"NS.objects", Value(std::move(values))}}));
-  }
-
-  Value::Array take() { return std::move(objects_); }
-
- private:
-  Value::Array objects_;
-  std::map<std::string, Value> classes_;
-};
+  return a.dictionary(keys, values);
+}
 
 // Reads the object graph back, checking every reference and type.
 class Unarchiver {
@@ -258,34 +227,28 @@ class Unarchiver {
 }  // namespace
 
 std::vector<std::uint8_t> archiveRecentInfo(const VantorRecentInfo& info) {
-  Archiver a;
-  // The root takes index 1: it is added first and filled in last.
-  a.add(Value());
-  Value volumes = a.dictionary(info.volumes, [&](const auto& volume) {
-    if (!volume)
-      return uid(0);
-    Value services = a.dictionary(volume->services, [&](const auto& service) {
-      if (!service)
-        return uid(0);
-      return a.add(Value(Value::Dictionary{{"$class", a.classRef("VantorRecentServiceInfo")},
-                                           {"amount", a.amount(service->amount)},
-                                           {"timestamp", a.date(service->timestamp)}}));
-    });
-    return a.add(Value(Value::Dictionary{{"$class", a.classRef("VantorRecentVolumeInfo")},
-                                         {"services", services},
-                                         {"freespace", Value(volume->freespace)},
-                                         {"timestamp", a.date(volume->timestamp)},
-                                         {"volumeName", a.add(Value(volume->volumeName))}}));
+  KeyedArchiveWriter a;
+  // The root takes index 1: it is reserved first and filled in last.
+  const auto root = a.reserve();
+  const auto volumes = archiveMap(a, info.volumes, [&](const VantorRecentVolumeInfo& volume) {
+    const auto services =
+        archiveMap(a, volume.services, [&](const VantorRecentServiceInfo& service) {
+          auto entry = a.instance("VantorRecentServiceInfo");
+          putAmount(a, entry, service.amount);
+          entry.real("timestamp", archivedDate(service.timestamp));
+          return a.add(std::move(entry));
+        });
+    auto entry = a.instance("VantorRecentVolumeInfo");
+    entry.ref("services", services)
+        .unsignedInteger("freespace", volume.freespace)
+        .real("timestamp", archivedDate(volume.timestamp))
+        .ref("volumeName", a.string(volume.volumeName));
+    return a.add(std::move(entry));
   });
-  Value root(Value::Dictionary{{"$class", a.classRef("VantorRecentInfo")}, {"volumes", volumes}});
-  Value::Array objects = a.take();
-  objects[1] = std::move(root);
-  // Moved in, not listed in an initializer (which would copy every object).
-  Value::Dictionary archive{{"$archiver", Value("NSKeyedArchiver")},
-                            {"$version", Value(100000)},
-                            {"$top", Value(Value::Dictionary{{"root", uid(1)}})}};
-  archive.emplace("$objects", Value(std::move(objects)));
-  return encodePlist(Value(std::move(archive)), PlistFormat::kBinary);
+  auto top = a.instance("VantorRecentInfo");
+  top.ref("volumes", volumes);
+  a.fill(root, std::move(top));
+  return a.finish(root);
 }
 
 std::shared_ptr<VantorRecentInfo> unarchiveRecentInfo(std::span<const std::uint8_t> bytes,

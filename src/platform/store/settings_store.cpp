@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -36,7 +38,14 @@ bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
 
 }  // namespace
 
-SettingsStore::SettingsStore(std::filesystem::path path) : path_(std::move(path)) {}
+namespace {
+
+constexpr auto kFlushDelay = std::chrono::milliseconds(1000);
+
+}  // namespace
+
+SettingsStore::SettingsStore(std::filesystem::path path)
+    : path_(std::move(path)), durability_(path_, kFlushDelay) {}
 
 std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& path,
                                                    Diagnostics* diagnostics) {
@@ -54,6 +63,7 @@ std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& 
     return nullptr;
   }
   std::unique_ptr<SettingsStore> store(new SettingsStore(path));
+  store->removeLeftovers();
   std::string warning;
   store->load(&warning);
   if (diagnostics != nullptr)
@@ -61,12 +71,8 @@ std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& 
   return store;
 }
 
-std::optional<Value> SettingsStore::objectForKey(const std::string& key) const {
-  const auto& dict = contents_.get<Value::Dictionary>();
-  const auto it = dict.find(key);
-  if (it == dict.end())
-    return std::nullopt;
-  return it->second;
+const Value* SettingsStore::objectForKey(const std::string& key) const {
+  return contents_.find(key);
 }
 
 bool SettingsStore::setObject(const std::string& key, std::optional<Value> value,
@@ -175,6 +181,40 @@ bool SettingsStore::load(std::string* error) {
   return false;
 }
 
+// Temporary files of writes that a killed process left behind: the store's
+// file name, a dot and six characters, as mkostemp makes them. Only one store
+// object writes a given file, so none of them is in use.
+void SettingsStore::removeLeftovers() const {
+  const std::string prefix = path_.filename().string() + ".";
+  std::error_code ec;
+  const auto dir = path_.parent_path().empty() ? std::filesystem::path(".") : path_.parent_path();
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.size() != prefix.size() + 6 || name.compare(0, prefix.size(), prefix) != 0)
+      continue;
+    const bool temporary = std::all_of(name.begin() + static_cast<long>(prefix.size()), name.end(),
+                                       [](unsigned char c) { return std::isalnum(c) != 0; });
+    if (temporary && entry.is_regular_file(ec))
+      std::filesystem::remove(entry.path(), ec);
+  }
+}
+
+// Puts the file at `temp` in the store file's place. Exchanging the two names
+// is as atomic as renaming over the file, but a rename over an existing file
+// makes ext4 start writing the new data out at once, which costs more than
+// the rest of the write; the deferred flush does that work for many writes
+// together. The exchange leaves the old contents under `temp`, removed next.
+bool SettingsStore::replaceWith(const char* temp) {
+  if (::renameat2(AT_FDCWD, temp, AT_FDCWD, path_.c_str(), RENAME_EXCHANGE) == 0) {
+    ::unlink(temp);
+    return true;
+  }
+  // No file to exchange with yet, or a file system without exchange.
+  if (errno != ENOENT && errno != EINVAL && errno != ENOSYS)
+    return false;
+  return ::rename(temp, path_.c_str()) == 0;
+}
+
 bool SettingsStore::write(std::string* error) {
   const auto bytes = encodePlist(contents_, PlistFormat::kBinary);
   std::string tmpl = path_.string() + ".XXXXXX";
@@ -186,16 +226,13 @@ bool SettingsStore::write(std::string* error) {
       *error = errnoText("cannot create a temporary file next to " + path_.string(), errno);
     return false;
   }
-  // No fsync: the rename makes the new contents visible whole, so a killed
-  // process never loses an acknowledged write; only a power failure may take
-  // the latest writes with it. Syncing each write would cost more than the
-  // write itself, and the cache writes through on every service reply.
-  const bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, bytes);
+  // mkostemp creates the file readable and writable by its owner only.
+  const bool ok = writeAll(fd, bytes);
   const int err = errno;
   struct stat st {};
   const bool statOk = ok && ::fstat(fd, &st) == 0;
   ::close(fd);
-  if (!ok || ::rename(name.data(), path_.c_str()) != 0) {
+  if (!ok || !replaceWith(name.data())) {
     const int renameErr = ok ? errno : err;
     ::unlink(name.data());
     if (error != nullptr)
@@ -209,6 +246,7 @@ bool SettingsStore::write(std::string* error) {
   } else {
     stamp_.reset();
   }
+  durability_.schedule();
   return true;
 }
 

@@ -3,10 +3,10 @@
 #include <sys/types.h>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "platform/store/deferred_sync.h"
 #include "platform/values/value.h"
 
 namespace vantor {
@@ -14,12 +14,13 @@ namespace vantor {
 // A persistent dictionary of property-list values kept in one binary
 // property-list file (the daemon's settings suite).
 //
-// Writes replace the file atomically (a temporary file in the same directory,
-// then rename), so a reader, or a process killed at any moment, sees either
-// the old or the new contents, never a mix; an acknowledged `setObject` is in
-// the file system when it returns and survives the process being killed.
-// Neither the file nor the directory is fsynced, so the latest writes may be
-// lost (but the file is never left corrupt) on power failure.
+// Writes replace the file atomically (a temporary file in the same directory
+// takes the file's place), so a reader, or a process killed at any moment,
+// sees either the old or the new contents, never a mix; an acknowledged
+// `setObject` is in the file system when it returns and survives the process
+// being killed. Writes are not flushed to disk one by one: a background flush
+// follows within about a second, so a power failure can take only the writes
+// of that last second.
 //
 // A file that cannot be parsed, or whose top level is not a dictionary, is
 // moved aside (renamed to "<name>.corrupt-<unix seconds>", never deleted) and
@@ -38,8 +39,8 @@ class SettingsStore {
   static std::unique_ptr<SettingsStore> open(const std::filesystem::path& path,
                                              Diagnostics* diagnostics = nullptr);
 
-  // The stored value under `key`, or nullopt.
-  std::optional<Value> objectForKey(const std::string& key) const;
+  // The stored value under `key`, or null. Valid until the store changes.
+  const Value* objectForKey(const std::string& key) const;
 
   // Stores `value` under `key` (nullopt removes the key) and writes the file
   // through. Returns false with a reason when the file could not be written;
@@ -57,6 +58,8 @@ class SettingsStore {
   explicit SettingsStore(std::filesystem::path path);
   bool load(std::string* error);
   bool write(std::string* error);
+  bool replaceWith(const char* temp);
+  void removeLeftovers() const;
 
   struct FileStamp {
     dev_t dev = 0;
@@ -71,6 +74,7 @@ class SettingsStore {
   Value contents_{Value::Dictionary{}};
   Value::Dictionary& contents() { return contents_.get<Value::Dictionary>(); }
   std::optional<FileStamp> stamp_;
+  DeferredSync durability_;
 };
 
 }  // namespace vantor

@@ -7,19 +7,21 @@
 #include <memory>
 #include <string_view>
 
+#include "platform/values/binary_plist_writer.h"
+
 namespace vantor {
 namespace {
+
+struct PlistFree {
+  void operator()(plist_t p) const { plist_free(p); }
+};
+using PlistPtr = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistFree>;
 
 // Deeper documents are refused before libplist sees them: its parsers recurse
 // once per level and would overflow the stack on hostile input.
 constexpr int kMaxDepth = 512;
 // Seconds from 1970-01-01 to 2001-01-01, the epoch of property-list dates.
 constexpr std::int64_t kPlistEpochOffset = 978307200;
-
-struct PlistFree {
-  void operator()(plist_t p) const { plist_free(p); }
-};
-using PlistPtr = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistFree>;
 
 // Nesting depth of arrays and dictionaries in XML text, skipping comments and
 // character data. Returns -1 when it exceeds the limit.
@@ -215,10 +217,19 @@ Value fromNode(plist_t node) {
     }
     case PLIST_ARRAY: {
       Value::Array array;
-      const auto n = plist_array_get_size(node);
-      array.reserve(n);
-      for (std::uint32_t i = 0; i < n; ++i)
-        array.push_back(fromNode(plist_array_get_item(node, i)));
+      array.reserve(plist_array_get_size(node));
+      // Walked with an iterator: fetching by index costs a walk from the
+      // start on arrays that libplist's parsers built.
+      plist_array_iter it = nullptr;
+      plist_array_new_iter(node, &it);
+      for (;;) {
+        plist_t item = nullptr;
+        plist_array_next_item(node, it, &item);
+        if (item == nullptr)
+          break;
+        array.push_back(fromNode(item));
+      }
+      std::free(it);
       return Value(std::move(array));
     }
     case PLIST_DICT: {
@@ -263,7 +274,7 @@ plist_t unsignedNode(std::uint64_t u) {
 }
 
 // Null for a null value, which property lists cannot hold.
-plist_t toNode(const Value& value) {
+plist_t toPlistNode(const Value& value) {
   switch (value.type()) {
     case Value::Type::kNull:
       return nullptr;
@@ -300,7 +311,7 @@ plist_t toNode(const Value& value) {
     case Value::Type::kArray: {
       plist_t array = plist_new_array();
       for (const auto& item : value.get<Value::Array>()) {
-        if (plist_t child = toNode(item))
+        if (plist_t child = toPlistNode(item))
           plist_array_append_item(array, child);
       }
       return array;
@@ -314,13 +325,24 @@ plist_t toNode(const Value& value) {
       }
       plist_t node = plist_new_dict();
       for (const auto& [key, item] : dict) {
-        if (plist_t child = toNode(item))
+        if (plist_t child = toPlistNode(item))
           plist_dict_set_item(node, key.c_str(), child);
       }
       return node;
     }
   }
   return nullptr;
+}
+
+std::vector<std::uint8_t> writeXml(plist_t root) {
+  char* out = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(root, &out, &length);
+  std::vector<std::uint8_t> bytes(
+      reinterpret_cast<std::uint8_t*>(out),
+      reinterpret_cast<std::uint8_t*>(out) + (out != nullptr ? length : 0));
+  plist_to_xml_free(out);
+  return bytes;
 }
 
 }  // namespace
@@ -359,23 +381,15 @@ PlistParseResult parsePlist(std::span<const std::uint8_t> bytes) {
 }
 
 std::vector<std::uint8_t> encodePlist(const Value& value, PlistFormat format) {
-  PlistPtr root(value.isNull() ? plist_new_dict() : toNode(value));
-  char* out = nullptr;
-  std::uint32_t length = 0;
   if (format == PlistFormat::kBinary) {
-    plist_to_bin(root.get(), &out, &length);
-  } else {
-    plist_to_xml(root.get(), &out, &length);
+    BinaryPlistWriter writer;
+    BinaryPlistWriter::Ref top = 0;
+    if (!writer.value(value, &top))
+      top = writer.dictionary({}, {});
+    return writer.finish(top);
   }
-  std::vector<std::uint8_t> bytes(
-      reinterpret_cast<std::uint8_t*>(out),
-      reinterpret_cast<std::uint8_t*>(out) + (out != nullptr ? length : 0));
-  if (format == PlistFormat::kBinary) {
-    plist_to_bin_free(out);
-  } else {
-    plist_to_xml_free(out);
-  }
-  return bytes;
+  PlistPtr root(value.isNull() ? plist_new_dict() : toPlistNode(value));
+  return writeXml(root.get());
 }
 
 }  // namespace vantor

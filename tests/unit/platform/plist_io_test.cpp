@@ -108,6 +108,50 @@ TEST(PlistEncode, WritesTheRequestedFormat) {
   EXPECT_EQ(std::string(binary.begin(), binary.begin() + 8), "bplist00");
 }
 
+// Sizes and reference widths change at these counts: a count of 15 no longer
+// fits the marker, and tables of more than 255 or 65,535 objects need wider
+// references.
+TEST(PlistBinary, LengthsAndReferenceWidthsAcrossEveryBoundary) {
+  for (const std::size_t n : {14u, 15u, 255u, 256u, 65535u, 65536u, 70000u}) {
+    Value::Array items;
+    for (std::size_t i = 0; i < n; ++i)
+      items.emplace_back(static_cast<std::int64_t>(i) * 1000003);
+    const Value original(Value::Dictionary{
+        {"items", Value(std::move(items))},
+        {"text", Value(std::string(n, 'x'))},
+        {"data", Value(Value::Data(n, 0xAB))},
+    });
+    const auto parsed = parsePlist(encodePlist(original, PlistFormat::kBinary));
+    ASSERT_TRUE(parsed.value.has_value()) << n << ": " << parsed.error;
+    EXPECT_EQ(*parsed.value, original) << n;
+  }
+}
+
+TEST(PlistBinary, TextKeepsEveryCharacterAndMalformedBytesBecomeReplacements) {
+  const Value text(Value::Dictionary{
+      {"emoji 😀 key", Value("grin 😀, 𝄞 clef, ß, 日本")},
+      {"long non-ascii", Value(std::string(20, 'a') + "é")},
+  });
+  auto parsed = parsePlist(encodePlist(text, PlistFormat::kBinary));
+  ASSERT_TRUE(parsed.value.has_value()) << parsed.error;
+  EXPECT_EQ(*parsed.value, text);
+
+  // A stray continuation byte, a truncated sequence, an overlong encoding and
+  // an encoded surrogate.
+  const Value malformed(Value::Array{Value("a\x80"
+                                           "b"),
+                                     Value("c\xE6\x97"), Value("\xC0\xAF"), Value("\xED\xA0\x80")});
+  parsed = parsePlist(encodePlist(malformed, PlistFormat::kBinary));
+  ASSERT_TRUE(parsed.value.has_value()) << parsed.error;
+  const auto& out = parsed.value->get<Value::Array>();
+  ASSERT_EQ(out.size(), 4u);
+  EXPECT_EQ(out[0], Value("a\uFFFD"
+                          "b"));
+  EXPECT_EQ(out[1], Value("c\uFFFD\uFFFD"));
+  EXPECT_EQ(out[2], Value("\uFFFD\uFFFD"));
+  EXPECT_EQ(out[3], Value("\uFFFD\uFFFD\uFFFD"));
+}
+
 TEST(PlistParse, MalformedInputIsAnErrorNotACrash) {
   const auto binary = encodePlist(everyType(), PlistFormat::kBinary);
   const std::vector<std::uint8_t> firstHalf(binary.begin(), binary.begin() + binary.size() / 2);

@@ -1,0 +1,327 @@
+#include "platform/values/binary_plist_writer.h"
+
+#include <bit>
+#include <cstring>
+#include <limits>
+
+namespace vantor {
+
+namespace {
+
+constexpr char kMagic[] = "bplist00";
+constexpr std::size_t kMagicSize = 8;
+// Seconds from 1970-01-01 to 2001-01-01, the epoch of property-list dates.
+constexpr double kEpochOffset = 978307200.0;
+// Offsets and counts are 64-bit in the trailer; the tables use fewer bytes.
+constexpr std::uint64_t kFlagsCountMarker = 0x0F;
+
+int bytesFor(std::uint64_t value) {
+  if (value <= 0xFF)
+    return 1;
+  if (value <= 0xFFFF)
+    return 2;
+  if (value <= 0xFFFFFFFF)
+    return 4;
+  return 8;
+}
+
+bool isAscii(std::string_view text) {
+  for (const unsigned char c : text) {
+    if (c >= 0x80)
+      return false;
+  }
+  return true;
+}
+
+// UTF-8 to UTF-16 code units; malformed sequences become U+FFFD.
+std::vector<char16_t> utf16(std::string_view text) {
+  std::vector<char16_t> out;
+  out.reserve(text.size());
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    int extra = 0;
+    char32_t cp = 0;
+    if (c < 0x80) {
+      cp = c;
+    } else if ((c & 0xE0) == 0xC0) {
+      extra = 1;
+      cp = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      extra = 2;
+      cp = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      extra = 3;
+      cp = c & 0x07;
+    } else {
+      out.push_back(0xFFFD);
+      ++i;
+      continue;
+    }
+    bool valid = true;
+    for (int k = 1; k <= extra; ++k) {
+      const std::size_t at = i + static_cast<std::size_t>(k);
+      const auto next = at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+      if ((next & 0xC0) != 0x80) {
+        valid = false;
+        break;
+      }
+      cp = (cp << 6) | (next & 0x3F);
+    }
+    constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
+    if (!valid || cp < kMinimum[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+      out.push_back(0xFFFD);
+      ++i;
+      continue;
+    }
+    i += static_cast<std::size_t>(extra) + 1;
+    if (cp >= 0x10000) {
+      cp -= 0x10000;
+      out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
+      out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+    } else {
+      out.push_back(static_cast<char16_t>(cp));
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+BinaryPlistWriter::Ref BinaryPlistWriter::beginScalar() {
+  if (scalars_.empty())
+    scalars_.assign(kMagic, kMagic + kMagicSize);
+  offsets_.push_back(scalars_.size());
+  return static_cast<Ref>(offsets_.size() - 1);
+}
+
+void BinaryPlistWriter::bigEndian(std::uint64_t value, int bytes) {
+  for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
+    scalars_.push_back(static_cast<std::uint8_t>(value >> shift));
+}
+
+// The marker of a sized object; counts of 15 and more follow as an integer.
+void BinaryPlistWriter::marker(std::uint8_t kind, std::uint64_t count) {
+  if (count < kFlagsCountMarker) {
+    scalars_.push_back(static_cast<std::uint8_t>(kind | count));
+    return;
+  }
+  scalars_.push_back(static_cast<std::uint8_t>(kind | kFlagsCountMarker));
+  const int bytes = bytesFor(count);
+  scalars_.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(unsigned(bytes))));
+  bigEndian(count, bytes);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::integer(std::int64_t value) {
+  if (value >= 0)
+    return unsignedInteger(static_cast<std::uint64_t>(value));
+  const Ref ref = beginScalar();
+  // Negative numbers always take the full eight bytes.
+  scalars_.push_back(0x13);
+  bigEndian(static_cast<std::uint64_t>(value), 8);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::unsignedInteger(std::uint64_t value) {
+  const Ref ref = beginScalar();
+  if (value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    // Beyond the signed range: the 16-byte form reads back as unsigned.
+    scalars_.push_back(0x14);
+    bigEndian(0, 8);
+    bigEndian(value, 8);
+    return ref;
+  }
+  const int bytes = bytesFor(value);
+  scalars_.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(unsigned(bytes))));
+  bigEndian(value, bytes);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::real(double value) {
+  const Ref ref = beginScalar();
+  scalars_.push_back(0x23);
+  bigEndian(std::bit_cast<std::uint64_t>(value), 8);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::boolean(bool value) {
+  const Ref ref = beginScalar();
+  scalars_.push_back(value ? 0x09 : 0x08);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::date(Date value) {
+  const Ref ref = beginScalar();
+  scalars_.push_back(0x33);
+  const double seconds = static_cast<double>(value.microsecondsSinceEpoch) / 1e6 - kEpochOffset;
+  bigEndian(std::bit_cast<std::uint64_t>(seconds), 8);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::data(std::span<const std::uint8_t> bytes) {
+  const Ref ref = beginScalar();
+  marker(0x40, bytes.size());
+  for (const std::uint8_t b : bytes)
+    scalars_.push_back(b);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view utf8) {
+  const Ref ref = beginScalar();
+  if (isAscii(utf8)) {
+    marker(0x50, utf8.size());
+    for (const char c : utf8)
+      scalars_.push_back(static_cast<std::uint8_t>(c));
+    return ref;
+  }
+  const auto units = utf16(utf8);
+  marker(0x60, units.size());
+  for (const char16_t unit : units)
+    bigEndian(unit, 2);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::uid(std::uint64_t value) {
+  const Ref ref = beginScalar();
+  const int bytes = bytesFor(value);
+  scalars_.push_back(static_cast<std::uint8_t>(0x80 | (bytes - 1)));
+  bigEndian(value, bytes);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::array(std::vector<Ref> items) {
+  offsets_.push_back(0);
+  const auto ref = static_cast<Ref>(offsets_.size() - 1);
+  containers_.push_back({ref, 0xA0, std::move(items)});
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(std::vector<Ref> keys,
+                                                     std::vector<Ref> values) {
+  offsets_.push_back(0);
+  const auto ref = static_cast<Ref>(offsets_.size() - 1);
+  keys.insert(keys.end(), values.begin(), values.end());
+  containers_.push_back({ref, 0xD0, std::move(keys)});
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::key(std::string_view text) {
+  if (auto it = keys_.find(text); it != keys_.end())
+    return it->second;
+  const Ref ref = string(text);
+  keys_.emplace(std::string(text), ref);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::sharedUid(std::uint64_t value) {
+  if (auto it = uids_.find(value); it != uids_.end())
+    return it->second;
+  const Ref ref = uid(value);
+  uids_.emplace(value, ref);
+  return ref;
+}
+
+bool BinaryPlistWriter::value(const Value& v, Ref* ref) {
+  switch (v.type()) {
+    case Value::Type::kNull:
+      return false;
+    case Value::Type::kBoolean:
+      *ref = boolean(v.get<bool>());
+      return true;
+    case Value::Type::kInteger:
+      *ref = integer(v.get<std::int64_t>());
+      return true;
+    case Value::Type::kUnsigned:
+      *ref = unsignedInteger(v.get<std::uint64_t>());
+      return true;
+    case Value::Type::kReal:
+      *ref = real(v.get<double>());
+      return true;
+    case Value::Type::kString:
+      *ref = string(v.get<std::string>());
+      return true;
+    case Value::Type::kData:
+      *ref = data(v.get<Value::Data>());
+      return true;
+    case Value::Type::kDate:
+      *ref = date(v.get<Date>());
+      return true;
+    case Value::Type::kArray: {
+      std::vector<Ref> items;
+      for (const auto& item : v.get<Value::Array>()) {
+        Ref child = 0;
+        if (value(item, &child))
+          items.push_back(child);
+      }
+      *ref = array(std::move(items));
+      return true;
+    }
+    case Value::Type::kDictionary: {
+      const auto& dict = v.get<Value::Dictionary>();
+      // {"CF$UID" = n} is how a UID reads back; write it as one again.
+      if (dict.size() == 1 && dict.begin()->first == "CF$UID" &&
+          dict.begin()->second.type() == Value::Type::kUnsigned) {
+        *ref = uid(dict.begin()->second.get<std::uint64_t>());
+        return true;
+      }
+      std::vector<Ref> keys, values;
+      for (const auto& [k, item] : dict) {
+        Ref child = 0;
+        if (value(item, &child)) {
+          keys.push_back(key(k));
+          values.push_back(child);
+        }
+      }
+      *ref = dictionary(std::move(keys), std::move(values));
+      return true;
+    }
+  }
+  return false;
+}
+
+std::vector<std::uint8_t> BinaryPlistWriter::finish(Ref top) {
+  const std::uint64_t count = offsets_.size();
+  const int refSize = bytesFor(count == 0 ? 0 : count - 1);
+  // Containers follow the scalars; their size is known now.
+  if (scalars_.empty())
+    scalars_.assign(kMagic, kMagic + kMagicSize);
+  std::vector<std::uint8_t> out = std::move(scalars_);
+  std::size_t containerBytes = 0;
+  for (const auto& c : containers_)
+    containerBytes += 10 + c.refs.size() * static_cast<std::size_t>(refSize);
+  out.reserve(out.size() + containerBytes + count * 8 + 32);
+  auto put = [&out](std::uint64_t value, int bytes) {
+    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
+      out.push_back(static_cast<std::uint8_t>(value >> shift));
+  };
+  for (const auto& c : containers_) {
+    offsets_[c.ref] = out.size();
+    const std::uint64_t n = c.marker == 0xD0 ? c.refs.size() / 2 : c.refs.size();
+    if (n < kFlagsCountMarker) {
+      out.push_back(static_cast<std::uint8_t>(c.marker | n));
+    } else {
+      out.push_back(static_cast<std::uint8_t>(c.marker | kFlagsCountMarker));
+      const int bytes = bytesFor(n);
+      out.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(unsigned(bytes))));
+      put(n, bytes);
+    }
+    for (const Ref r : c.refs)
+      put(r, refSize);
+  }
+  const std::uint64_t tableOffset = out.size();
+  const int offsetSize = bytesFor(tableOffset);
+  for (const std::uint64_t offset : offsets_)
+    put(offset, offsetSize);
+  // Trailer: six unused bytes, the two widths, then count, top and table offset.
+  put(0, 6);
+  out.push_back(static_cast<std::uint8_t>(offsetSize));
+  out.push_back(static_cast<std::uint8_t>(refSize));
+  put(count, 8);
+  put(top, 8);
+  put(tableOffset, 8);
+  containers_.clear();
+  offsets_.clear();
+  return out;
+}
+
+}  // namespace vantor
