@@ -23,25 +23,31 @@ constexpr double kAgeLimit = 120.0;
 // The stored record, or null when there is none or it cannot be read. The
 // caller owns what it gets; see keepRecentInfo.
 std::shared_ptr<VantorRecentInfo> loadRecentInfo(Vantor& vantor) {
-  const Value stored = vantor.clientGetStateSync(Value(kRecentKey));
-  if (stored.isNull())
-    return nullptr;
-  if (!stored.isData()) {
-    VANTOR_LOG(3, "%s %s is not an archive: %@", "loadRecentInfo", kRecentKey,
-               stored.description().c_str());
-    return nullptr;
-  }
-  const auto& archive = stored.get<Value::Data>();
-  auto& memo = vantor.recentInfoMemo;
-  if (memo.record && memo.archive == archive)
-    return std::exchange(memo.record, nullptr);
-  std::string error;
-  auto info = unarchiveRecentInfo(archive, &error);
-  if (!info) {
-    VANTOR_LOG(3, "%s cannot unarchive %s: %s", "loadRecentInfo", kRecentKey, error.c_str());
-    return nullptr;
-  }
-  memo = {archive, nullptr};
+  std::shared_ptr<VantorRecentInfo> info;
+  // The get worker with a reply of our own rather than clientGetStateSync:
+  // the archive is compared where it is stored, not copied out first.
+  vantor._clientGetState(Value(kRecentKey), [&](const Value& stored) {
+    if (stored.isNull())
+      return;
+    if (!stored.isData()) {
+      VANTOR_LOG(3, "%s %s is not an archive: %@", "loadRecentInfo", kRecentKey,
+                 stored.description().c_str());
+      return;
+    }
+    const auto& archive = stored.get<Value::Data>();
+    auto& memo = vantor.recentInfoMemo;
+    if (memo.record && memo.archive == archive) {
+      info = std::exchange(memo.record, nullptr);
+      return;
+    }
+    std::string error;
+    info = unarchiveRecentInfo(archive, &error);
+    if (!info) {
+      VANTOR_LOG(3, "%s cannot unarchive %s: %s", "loadRecentInfo", kRecentKey, error.c_str());
+      return;
+    }
+    memo = {archive, nullptr};
+  });
   return info;
 }
 

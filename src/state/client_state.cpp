@@ -79,33 +79,38 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
     userDefaults->synchronize();
     stored = userDefaults->objectForKey(kStateKey);
   }
-  const auto defaultFor = [&](const std::string& k) {
+  // Stored values are lent to the reply, not copied: the record of the
+  // recent-info cache is read this way on every query.
+  static const Value kNull;
+  const auto defaultFor = [&](const std::string& k) -> const Value& {
     auto it = default_values.find(k);
-    return it != default_values.end() ? it->second : Value();
+    return it != default_values.end() ? it->second : kNull;
   };
-  Value answer;
   if (stored != nullptr && stored->isDictionary()) {
     const auto& state = stored->get<Value::Dictionary>();
     if (*name == kStateKey) {
       Value::Dictionary whole = state;
       for (const auto& [k, v] : default_values)
         whole.emplace(k, v);
-      answer = Value(std::move(whole));
+      reply(Value(std::move(whole)));
     } else if (auto it = state.find(*name); it != state.end()) {
-      answer = it->second;
+      reply(it->second);
     } else if (default_values.count(*name) > 0) {
-      answer = defaultFor(*name);
+      const Value& answer = defaultFor(*name);
       VANTOR_LOG(5, "%s using default value: %@ for key: %@", kName, answer.description().c_str(),
                  name->c_str());
+      reply(answer);
+    } else {
+      reply(kNull);
     }
   } else if (stored != nullptr) {
     VANTOR_LOG(3, "%s persistent_state is not a dictionary: %@", kName,
                stored->description().c_str());
+    reply(kNull);
   } else {
     // Nothing stored yet: the defaults answer, but not for the whole state.
-    answer = defaultFor(*name);
+    reply(defaultFor(*name));
   }
-  reply(answer);
 }
 
 void Vantor::clientSetStateSync(const Value& value, const Value& key) {
@@ -115,7 +120,7 @@ void Vantor::clientSetStateSync(const Value& value, const Value& key) {
 
 Value Vantor::clientGetStateSync(const Value& key) {
   Value answer;
-  _clientGetState(key, [&](Value v) { answer = std::move(v); });
+  _clientGetState(key, [&](const Value& v) { answer = v; });
   return answer;
 }
 

@@ -31,7 +31,8 @@ class VantorClientProtocol {
  public:
   using DictionaryReply = std::function<void(Value result)>;  // null: the null reply
   using CheckinReply = std::function<void(Value result, std::optional<std::string> error)>;
-  using ObjectReply = std::function<void(Value value)>;
+  // The value lent for the call only: copy what must outlive it.
+  using ObjectReply = std::function<void(const Value& value)>;
   using EmptyReply = std::function<void()>;
 
   virtual ~VantorClientProtocol() = default;

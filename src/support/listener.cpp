@@ -165,7 +165,7 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
     dispatchCall<sdbus::Result<VariantArray>>(
         std::move(result), [this, key = std::move(key)](auto reply) {
           listener_.exported().clientGetState(
-              Value(key), [reply](Value v) { reply->returnResults(toOptionalVariant(v)); });
+              Value(key), [reply](const Value& v) { reply->returnResults(toOptionalVariant(v)); });
         });
   }
 

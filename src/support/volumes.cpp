@@ -1,13 +1,16 @@
 #include "support/volumes.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <mutex>
 #include <set>
-#include <sstream>
 #include <utility>
 
 namespace vantor {
@@ -134,13 +137,67 @@ std::vector<std::string> localVolumesFrom(const std::vector<MountEntry>& entries
   return volumes;
 }
 
+namespace {
+
+// The mount table, read again only when it changed: the kernel flags an open
+// mountinfo file with POLLPRI once per change of the mount namespace. Every
+// request names a volume, so reading and parsing the table each time would
+// be most of the cost of a cached answer.
+class MountTable {
+ public:
+  ~MountTable() {
+    if (fd_ >= 0)
+      ::close(fd_);
+  }
+
+  std::vector<std::string> localVolumes() {
+    std::lock_guard lock(mutex_);
+    if (fd_ < 0) {
+      fd_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+      if (fd_ < 0)
+        return {"/"};
+      fresh_ = false;
+    }
+    pollfd watch{fd_, POLLPRI, 0};
+    const bool changed = ::poll(&watch, 1, 0) > 0 && (watch.revents & (POLLPRI | POLLERR)) != 0;
+    if (!fresh_ || changed) {
+      std::string text;
+      if (!readFromStart(&text))
+        return {"/"};
+      volumes_ = localVolumesFrom(parseMountInfo(text));
+      fresh_ = true;
+    }
+    return volumes_;
+  }
+
+ private:
+  bool readFromStart(std::string* text) const {
+    if (::lseek(fd_, 0, SEEK_SET) != 0)
+      return false;
+    char buf[16384];
+    for (;;) {
+      const ssize_t n = ::read(fd_, buf, sizeof buf);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n < 0)
+        return false;
+      if (n == 0)
+        return true;
+      text->append(buf, static_cast<std::size_t>(n));
+    }
+  }
+
+  std::mutex mutex_;
+  int fd_ = -1;
+  bool fresh_ = false;
+  std::vector<std::string> volumes_;
+};
+
+}  // namespace
+
 std::vector<std::string> getLocalVolumes() {
-  std::ifstream in("/proc/self/mountinfo");
-  if (!in)
-    return {"/"};
-  std::stringstream text;
-  text << in.rdbuf();
-  return localVolumesFrom(parseMountInfo(text.str()));
+  static MountTable table;
+  return table.localVolumes();
 }
 
 bool validateVolume(const Value& info) {

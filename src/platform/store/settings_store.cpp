@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -22,10 +20,12 @@ std::string errnoText(const std::string& what, int err) {
   return what + ": " + std::strerror(err);
 }
 
+// Writes all of `bytes` from the start of the file.
 bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
   std::size_t done = 0;
   while (done < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    const ssize_t n =
+        ::pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
     if (n < 0) {
       if (errno == EINTR)
         continue;
@@ -63,7 +63,6 @@ std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& 
     return nullptr;
   }
   std::unique_ptr<SettingsStore> store(new SettingsStore(path));
-  store->removeLeftovers();
   std::string warning;
   store->load(&warning);
   if (diagnostics != nullptr)
@@ -181,71 +180,51 @@ bool SettingsStore::load(std::string* error) {
   return false;
 }
 
-// Temporary files of writes that a killed process left behind: the store's
-// file name, a dot and six characters, as mkostemp makes them. Only one store
-// object writes a given file, so none of them is in use.
-void SettingsStore::removeLeftovers() const {
-  const std::string prefix = path_.filename().string() + ".";
-  std::error_code ec;
-  const auto dir = path_.parent_path().empty() ? std::filesystem::path(".") : path_.parent_path();
-  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
-    const std::string name = entry.path().filename().string();
-    if (name.size() != prefix.size() + 6 || name.compare(0, prefix.size(), prefix) != 0)
-      continue;
-    const bool temporary = std::all_of(name.begin() + static_cast<long>(prefix.size()), name.end(),
-                                       [](unsigned char c) { return std::isalnum(c) != 0; });
-    if (temporary && entry.is_regular_file(ec))
-      std::filesystem::remove(entry.path(), ec);
-  }
-}
-
-// Puts the file at `temp` in the store file's place. Exchanging the two names
-// is as atomic as renaming over the file, but a rename over an existing file
-// makes ext4 start writing the new data out at once, which costs more than
-// the rest of the write; the deferred flush does that work for many writes
-// together. The exchange leaves the old contents under `temp`, removed next.
-bool SettingsStore::replaceWith(const char* temp) {
-  if (::renameat2(AT_FDCWD, temp, AT_FDCWD, path_.c_str(), RENAME_EXCHANGE) == 0) {
-    ::unlink(temp);
+// Puts the spare file in the store file's place. Exchanging the two names
+// is as atomic as renaming over the file, but costs neither a new inode nor
+// the immediate writeback that ext4 starts when a file is renamed over
+// another; the deferred flush does that work for many writes together. The
+// previous contents stay in the spare, which the next write overwrites.
+bool SettingsStore::replaceWithSpare() {
+  const std::string spare = sparePath();
+  if (::renameat2(AT_FDCWD, spare.c_str(), AT_FDCWD, path_.c_str(), RENAME_EXCHANGE) == 0)
     return true;
-  }
-  // No file to exchange with yet, or a file system without exchange.
+  // No store file to exchange with yet, or a file system without exchange.
   if (errno != ENOENT && errno != EINVAL && errno != ENOSYS)
     return false;
-  return ::rename(temp, path_.c_str()) == 0;
+  return ::rename(spare.c_str(), path_.c_str()) == 0;
+}
+
+std::string SettingsStore::sparePath() const {
+  return path_.string() + ".next";
 }
 
 bool SettingsStore::write(std::string* error) {
   const auto bytes = encodePlist(contents_, PlistFormat::kBinary);
-  std::string tmpl = path_.string() + ".XXXXXX";
-  std::vector<char> name(tmpl.begin(), tmpl.end());
-  name.push_back('\0');
-  const int fd = ::mkostemp(name.data(), O_CLOEXEC);
+  const std::string spare = sparePath();
+  // Never the store file itself: whatever happens to the spare, the store
+  // file keeps its last complete contents until the exchange.
+  const int fd = ::open(spare.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
     if (error != nullptr)
-      *error = errnoText("cannot create a temporary file next to " + path_.string(), errno);
+      *error = errnoText("cannot open " + spare, errno);
     return false;
   }
-  // mkostemp creates the file readable and writable by its owner only.
-  const bool ok = writeAll(fd, bytes);
-  const int err = errno;
   struct stat st {};
-  const bool statOk = ok && ::fstat(fd, &st) == 0;
+  bool ok = writeAll(fd, bytes) && ::fstat(fd, &st) == 0;
+  if (ok && static_cast<std::size_t>(st.st_size) != bytes.size())
+    ok = ::ftruncate(fd, static_cast<off_t>(bytes.size())) == 0 && ::fstat(fd, &st) == 0;
+  if (ok && (st.st_mode & 07777) != 0600)
+    ok = ::fchmod(fd, 0600) == 0;
+  const int err = errno;
   ::close(fd);
-  if (!ok || !replaceWith(name.data())) {
-    const int renameErr = ok ? errno : err;
-    ::unlink(name.data());
+  if (!ok || !replaceWithSpare()) {
     if (error != nullptr)
-      *error = errnoText("cannot write " + path_.string(), renameErr);
+      *error = errnoText("cannot write " + path_.string(), ok ? errno : err);
     return false;
   }
-  if (statOk) {
-    stamp_ =
-        FileStamp{st.st_dev, st.st_ino, st.st_size,
-                  static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
-  } else {
-    stamp_.reset();
-  }
+  stamp_ = FileStamp{st.st_dev, st.st_ino, st.st_size,
+                     static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
   durability_.schedule();
   return true;
 }

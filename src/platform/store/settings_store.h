@@ -14,13 +14,14 @@ namespace vantor {
 // A persistent dictionary of property-list values kept in one binary
 // property-list file (the daemon's settings suite).
 //
-// Writes replace the file atomically (a temporary file in the same directory
-// takes the file's place), so a reader, or a process killed at any moment,
-// sees either the old or the new contents, never a mix; an acknowledged
-// `setObject` is in the file system when it returns and survives the process
-// being killed. Writes are not flushed to disk one by one: a background flush
-// follows within about a second, so a power failure can take only the writes
-// of that last second.
+// Writes replace the file atomically: the new contents go into a spare file
+// in the same directory ("<name>.next"), which then takes the file's place,
+// so a reader, or a process killed at any moment, sees either the old or the
+// new contents, never a mix. An acknowledged `setObject` is in the file
+// system when it returns and survives the process being killed. Writes are
+// not flushed to disk one by one: a background flush follows within about a
+// second, so a power failure can take only the writes of that last second.
+// After a write the spare holds the previous contents.
 //
 // A file that cannot be parsed, or whose top level is not a dictionary, is
 // moved aside (renamed to "<name>.corrupt-<unix seconds>", never deleted) and
@@ -58,8 +59,8 @@ class SettingsStore {
   explicit SettingsStore(std::filesystem::path path);
   bool load(std::string* error);
   bool write(std::string* error);
-  bool replaceWith(const char* temp);
-  void removeLeftovers() const;
+  bool replaceWithSpare();
+  std::string sparePath() const;
 
   struct FileStamp {
     dev_t dev = 0;

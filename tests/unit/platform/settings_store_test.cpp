@@ -114,38 +114,56 @@ TEST_F(SettingsStoreTest, UnreadableOrNonDictionaryFilesAreMovedAsideNotDeleted)
   EXPECT_EQ(contents, expected);
 }
 
-TEST_F(SettingsStoreTest, FileIsAlwaysACompletePlistAndLeftoverTemporariesGo) {
-  // What a writer killed between creating its temporary file and putting it
-  // in place leaves behind goes at the next open; files of other shapes stay.
-  const std::vector<std::string> leftovers = {"store.plist.a1B2c3", "store.plist.XXXXXX"};
-  const std::vector<std::string> strays = {"store.plist.tmp", ".store.plist.a1B2c3",
-                                           "store.plist.corrupt-1", "store.plist.a1-2c3"};
-  for (const auto& name : leftovers)
-    writeBytes(dir_ / name, kGarbage);
-  for (const auto& name : strays)
-    writeBytes(dir_ / name, kGarbage);
+TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverTheSpareHeld) {
+  // A writer killed while filling the spare leaves it half-written, longer
+  // than what comes next and readable by everyone; none of that may show.
+  writeBytes(dir_ / "store.plist.next", std::vector<std::uint8_t>(100000, 'x'));
+  fs::permissions(dir_ / "store.plist.next", fs::perms(0644));
+  writeBytes(dir_ / "store.plist.tmp", kGarbage);
   auto store = SettingsStore::open(path_);
   ASSERT_NE(store, nullptr);
-  for (int i = 0; i < 200; ++i) {
-    const std::string key = "key" + std::to_string(i);
-    std::string error;
-    ASSERT_TRUE(store->setObject(key, Value(i), &error)) << error;
+  // Growing, then shrinking, contents.
+  auto check = [&](std::size_t entries) {
     const auto parsed = parsePlist(readBytes(path_));
-    ASSERT_TRUE(parsed.value.has_value()) << "after " << key << ": " << parsed.error;
-    ASSERT_NE(parsed.value->find(key), nullptr) << key;
-    ASSERT_EQ(parsed.value->get<Value::Dictionary>().size(), static_cast<std::size_t>(i + 1));
+    ASSERT_TRUE(parsed.value.has_value()) << entries << ": " << parsed.error;
+    ASSERT_EQ(parsed.value->get<Value::Dictionary>().size(), entries);
+  };
+  std::string error;
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_TRUE(store->setObject("key" + std::to_string(i), Value(i), &error)) << error;
+    check(static_cast<std::size_t>(i) + 1);
   }
-  // No temporary files of its own may pile up.
-  for (const auto& entry : fs::directory_iterator(dir_)) {
-    const std::string name = entry.path().filename().string();
-    EXPECT_TRUE(name == "store.plist" || std::count(strays.begin(), strays.end(), name) == 1)
-        << name;
+  for (int i = 99; i >= 50; --i) {
+    ASSERT_TRUE(store->setObject("key" + std::to_string(i), std::nullopt, &error)) << error;
+    check(static_cast<std::size_t>(i));
   }
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0600));
+  // Only the store and its spare; nothing else of its own piles up.
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir_))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names,
+            (std::vector<std::string>{"store.plist", "store.plist.next", "store.plist.tmp"}));
+
   store = SettingsStore::open(path_);
   ASSERT_NE(store, nullptr);
-  ASSERT_NE(store->objectForKey("key199"), nullptr);
-  EXPECT_EQ(*store->objectForKey("key199"), Value(199));
-  EXPECT_EQ(movedAside().size(), 1u);  // the stray "store.plist.corrupt-1"
+  ASSERT_NE(store->objectForKey("key49"), nullptr);
+  EXPECT_EQ(*store->objectForKey("key49"), Value(49));
+  EXPECT_EQ(store->objectForKey("key50"), nullptr);
+  EXPECT_TRUE(movedAside().empty());
+}
+
+TEST_F(SettingsStoreTest, ASpareThatIsASymlinkIsNotFollowed) {
+  const fs::path victim = dir_ / "victim";
+  writeBytes(victim, kGarbage);
+  fs::create_symlink(victim, dir_ / "store.plist.next");
+  auto store = SettingsStore::open(path_);
+  ASSERT_NE(store, nullptr);
+  std::string error;
+  EXPECT_FALSE(store->setObject("k", Value(1), &error));
+  EXPECT_FALSE(error.empty());
+  EXPECT_EQ(readBytes(victim), kGarbage);
 }
 
 TEST_F(SettingsStoreTest, SynchronizePicksUpAnotherWritersChanges) {
