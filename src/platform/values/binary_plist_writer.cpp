@@ -214,10 +214,15 @@ BinaryPlistWriter::Ref BinaryPlistWriter::key(std::string_view text) {
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::sharedUid(std::uint64_t value) {
-  if (auto it = uids_.find(value); it != uids_.end())
-    return it->second;
+  // UIDs index an archive's object table, so they are small and dense.
+  if (value < uids_.size() && uids_[value] != kNoRef)
+    return uids_[value];
   const Ref ref = uid(value);
-  uids_.emplace(value, ref);
+  if (value < (std::uint64_t{1} << 20)) {
+    if (value >= uids_.size())
+      uids_.resize(value + 1, kNoRef);
+    uids_[value] = ref;
+  }
   return ref;
 }
 

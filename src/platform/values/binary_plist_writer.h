@@ -48,6 +48,8 @@ class BinaryPlistWriter {
   std::vector<std::uint8_t> finish(Ref top);
 
  private:
+  static constexpr Ref kNoRef = ~Ref{0};
+
   struct Container {
     Ref ref;
     std::uint8_t marker;    // 0xA0 array, 0xD0 dictionary
@@ -62,7 +64,7 @@ class BinaryPlistWriter {
   std::vector<std::uint64_t> offsets_;  // by ref; containers filled in at the end
   std::vector<Container> containers_;
   std::map<std::string, Ref, std::less<>> keys_;
-  std::map<std::uint64_t, Ref> uids_;
+  std::vector<Ref> uids_;  // by UID value, kNoRef until written
 };
 
 }  // namespace vantor

@@ -31,7 +31,10 @@ class KeyedArchiveWriter {
 
    private:
     friend class KeyedArchiveWriter;
-    explicit Instance(BinaryPlistWriter& out) : out_(&out) {}
+    explicit Instance(BinaryPlistWriter& out) : out_(&out) {
+      keys_.reserve(4);
+      values_.reserve(4);
+    }
     BinaryPlistWriter* out_;
     std::vector<BinaryPlistWriter::Ref> keys_, values_;
   };

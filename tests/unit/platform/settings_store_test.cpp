@@ -4,14 +4,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "platform/store/deferred_sync.h"
 #include "platform/store/settings_store.h"
 #include "platform/values/plist_io.h"
 #include "platform/values/value.h"
@@ -199,6 +202,34 @@ TEST_F(SettingsStoreTest, UnwritableDirectoryFailsToOpen) {
     EXPECT_EQ(SettingsStore::open(path, &diagnostics), nullptr) << path;
     EXPECT_FALSE(diagnostics.warning.empty()) << path;
   }
+}
+
+// Many writes in a burst, from several threads, share one flush; a flush
+// still comes for writes made while the previous one ran.
+TEST(DeferredSync, CoalescesABurstAndFlushesWhatCameLater) {
+  const auto path = fs::temp_directory_path() / ("deferred-sync-" + std::to_string(::getpid()));
+  writeBytes(path, {1, 2, 3});
+  DeferredSync sync(path, std::chrono::milliseconds(100));
+  auto waitForFlushes = [&](unsigned long n) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (sync.flushes() < n && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return sync.flushes() >= n;
+  };
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([&] {
+      for (int i = 0; i < 50; ++i)
+        sync.schedule();
+    });
+  }
+  for (auto& w : writers)
+    w.join();
+  ASSERT_TRUE(waitForFlushes(1));
+  EXPECT_LE(sync.flushes(), 2u);
+  sync.schedule();
+  EXPECT_TRUE(waitForFlushes(2));
+  fs::remove(path);
 }
 
 }  // namespace
