@@ -12,7 +12,8 @@ constexpr char kMagic[] = "bplist00";
 constexpr std::size_t kMagicSize = 8;
 // Seconds from 1970-01-01 to 2001-01-01, the epoch of property-list dates.
 constexpr double kEpochOffset = 978307200.0;
-// Offsets and counts are 64-bit in the trailer; the tables use fewer bytes.
+// A marker's low four bits hold a count below this; larger counts follow the
+// marker as an integer.
 constexpr std::uint64_t kFlagsCountMarker = 0x0F;
 
 int bytesFor(std::uint64_t value) {
@@ -86,6 +87,23 @@ std::vector<char16_t> utf16(std::string_view text) {
   return out;
 }
 
+void putBigEndian(std::vector<std::uint8_t>& out, std::uint64_t value, int bytes) {
+  for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
+    out.push_back(static_cast<std::uint8_t>(value >> shift));
+}
+
+// The marker of a sized object (string, data, array, dictionary).
+void putMarker(std::vector<std::uint8_t>& out, std::uint8_t kind, std::uint64_t count) {
+  if (count < kFlagsCountMarker) {
+    out.push_back(static_cast<std::uint8_t>(kind | count));
+    return;
+  }
+  out.push_back(static_cast<std::uint8_t>(kind | kFlagsCountMarker));
+  const int bytes = bytesFor(count);
+  out.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(unsigned(bytes))));
+  putBigEndian(out, count, bytes);
+}
+
 }  // namespace
 
 BinaryPlistWriter::Ref BinaryPlistWriter::beginScalar() {
@@ -95,30 +113,13 @@ BinaryPlistWriter::Ref BinaryPlistWriter::beginScalar() {
   return static_cast<Ref>(offsets_.size() - 1);
 }
 
-void BinaryPlistWriter::bigEndian(std::uint64_t value, int bytes) {
-  for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
-    scalars_.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-
-// The marker of a sized object; counts of 15 and more follow as an integer.
-void BinaryPlistWriter::marker(std::uint8_t kind, std::uint64_t count) {
-  if (count < kFlagsCountMarker) {
-    scalars_.push_back(static_cast<std::uint8_t>(kind | count));
-    return;
-  }
-  scalars_.push_back(static_cast<std::uint8_t>(kind | kFlagsCountMarker));
-  const int bytes = bytesFor(count);
-  scalars_.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(unsigned(bytes))));
-  bigEndian(count, bytes);
-}
-
 BinaryPlistWriter::Ref BinaryPlistWriter::integer(std::int64_t value) {
   if (value >= 0)
     return unsignedInteger(static_cast<std::uint64_t>(value));
   const Ref ref = beginScalar();
   // Negative numbers always take the full eight bytes.
   scalars_.push_back(0x13);
-  bigEndian(static_cast<std::uint64_t>(value), 8);
+  putBigEndian(scalars_, static_cast<std::uint64_t>(value), 8);
   return ref;
 }
 
@@ -127,20 +128,20 @@ BinaryPlistWriter::Ref BinaryPlistWriter::unsignedInteger(std::uint64_t value) {
   if (value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
     // Beyond the signed range: the 16-byte form reads back as unsigned.
     scalars_.push_back(0x14);
-    bigEndian(0, 8);
-    bigEndian(value, 8);
+    putBigEndian(scalars_, 0, 8);
+    putBigEndian(scalars_, value, 8);
     return ref;
   }
   const int bytes = bytesFor(value);
   scalars_.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(unsigned(bytes))));
-  bigEndian(value, bytes);
+  putBigEndian(scalars_, value, bytes);
   return ref;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::real(double value) {
   const Ref ref = beginScalar();
   scalars_.push_back(0x23);
-  bigEndian(std::bit_cast<std::uint64_t>(value), 8);
+  putBigEndian(scalars_, std::bit_cast<std::uint64_t>(value), 8);
   return ref;
 }
 
@@ -154,13 +155,13 @@ BinaryPlistWriter::Ref BinaryPlistWriter::date(Date value) {
   const Ref ref = beginScalar();
   scalars_.push_back(0x33);
   const double seconds = static_cast<double>(value.microsecondsSinceEpoch) / 1e6 - kEpochOffset;
-  bigEndian(std::bit_cast<std::uint64_t>(seconds), 8);
+  putBigEndian(scalars_, std::bit_cast<std::uint64_t>(seconds), 8);
   return ref;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::data(std::span<const std::uint8_t> bytes) {
   const Ref ref = beginScalar();
-  marker(0x40, bytes.size());
+  putMarker(scalars_, 0x40, bytes.size());
   for (const std::uint8_t b : bytes)
     scalars_.push_back(b);
   return ref;
@@ -169,15 +170,15 @@ BinaryPlistWriter::Ref BinaryPlistWriter::data(std::span<const std::uint8_t> byt
 BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view utf8) {
   const Ref ref = beginScalar();
   if (isAscii(utf8)) {
-    marker(0x50, utf8.size());
+    putMarker(scalars_, 0x50, utf8.size());
     for (const char c : utf8)
       scalars_.push_back(static_cast<std::uint8_t>(c));
     return ref;
   }
   const auto units = utf16(utf8);
-  marker(0x60, units.size());
+  putMarker(scalars_, 0x60, units.size());
   for (const char16_t unit : units)
-    bigEndian(unit, 2);
+    putBigEndian(scalars_, unit, 2);
   return ref;
 }
 
@@ -185,7 +186,7 @@ BinaryPlistWriter::Ref BinaryPlistWriter::uid(std::uint64_t value) {
   const Ref ref = beginScalar();
   const int bytes = bytesFor(value);
   scalars_.push_back(static_cast<std::uint8_t>(0x80 | (bytes - 1)));
-  bigEndian(value, bytes);
+  putBigEndian(scalars_, value, bytes);
   return ref;
 }
 
@@ -295,35 +296,23 @@ std::vector<std::uint8_t> BinaryPlistWriter::finish(Ref top) {
   for (const auto& c : containers_)
     containerBytes += 10 + c.refs.size() * static_cast<std::size_t>(refSize);
   out.reserve(out.size() + containerBytes + count * 8 + 32);
-  auto put = [&out](std::uint64_t value, int bytes) {
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
-      out.push_back(static_cast<std::uint8_t>(value >> shift));
-  };
   for (const auto& c : containers_) {
     offsets_[c.ref] = out.size();
-    const std::uint64_t n = c.marker == 0xD0 ? c.refs.size() / 2 : c.refs.size();
-    if (n < kFlagsCountMarker) {
-      out.push_back(static_cast<std::uint8_t>(c.marker | n));
-    } else {
-      out.push_back(static_cast<std::uint8_t>(c.marker | kFlagsCountMarker));
-      const int bytes = bytesFor(n);
-      out.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(unsigned(bytes))));
-      put(n, bytes);
-    }
+    putMarker(out, c.marker, c.marker == 0xD0 ? c.refs.size() / 2 : c.refs.size());
     for (const Ref r : c.refs)
-      put(r, refSize);
+      putBigEndian(out, r, refSize);
   }
   const std::uint64_t tableOffset = out.size();
   const int offsetSize = bytesFor(tableOffset);
   for (const std::uint64_t offset : offsets_)
-    put(offset, offsetSize);
+    putBigEndian(out, offset, offsetSize);
   // Trailer: six unused bytes, the two widths, then count, top and table offset.
-  put(0, 6);
+  putBigEndian(out, 0, 6);
   out.push_back(static_cast<std::uint8_t>(offsetSize));
   out.push_back(static_cast<std::uint8_t>(refSize));
-  put(count, 8);
-  put(top, 8);
-  put(tableOffset, 8);
+  putBigEndian(out, count, 8);
+  putBigEndian(out, top, 8);
+  putBigEndian(out, tableOffset, 8);
   containers_.clear();
   offsets_.clear();
   return out;

@@ -57,8 +57,6 @@ class BinaryPlistWriter {
   };
 
   Ref beginScalar();
-  void marker(std::uint8_t kind, std::uint64_t count);
-  void bigEndian(std::uint64_t value, int bytes);
 
   std::vector<std::uint8_t> scalars_;   // encoded scalar objects
   std::vector<std::uint64_t> offsets_;  // by ref; containers filled in at the end
