@@ -1,6 +1,7 @@
 #include "json.h"
 
-#include <charconv>
+#include <nlohmann/json.hpp>
+
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -9,10 +10,10 @@ namespace vantor::ctl {
 
 namespace {
 
-void appendBase64(std::string& out, const Value::Data& data) {
+std::string base64(const Value::Data& data) {
   static constexpr char kAlphabet[] =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  out.push_back('"');
+  std::string out;
   std::size_t i = 0;
   for (; i + 3 <= data.size(); i += 3) {
     const std::uint32_t n = (std::uint32_t{data[i]} << 16) | (std::uint32_t{data[i + 1]} << 8) |
@@ -31,10 +32,11 @@ void appendBase64(std::string& out, const Value::Data& data) {
     out.push_back(rest == 2 ? kAlphabet[(n >> 6) & 63] : '=');
     out.push_back('=');
   }
-  out.push_back('"');
+  return out;
 }
 
-void appendDate(std::string& out, Date date) {
+// ISO 8601 in UTC with microseconds; null when the date is out of range.
+nlohmann::json isoDate(Date date) {
   // Whole seconds rounded down, so a date before 1970 keeps a positive
   // fraction.
   std::int64_t seconds = date.microsecondsSinceEpoch / 1000000;
@@ -45,129 +47,54 @@ void appendDate(std::string& out, Date date) {
   }
   const auto t = static_cast<std::time_t>(seconds);
   std::tm tm{};
-  if (gmtime_r(&t, &tm) == nullptr) {
-    out += "null";
-    return;
-  }
+  if (gmtime_r(&t, &tm) == nullptr)
+    return nullptr;
   char text[64];
   const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &tm);
   std::snprintf(text + length, sizeof text - length, ".%06lldZ", static_cast<long long>(micros));
-  appendJsonString(out, text);
+  return std::string(text);
 }
 
-void appendReal(std::string& out, double d) {
-  if (!std::isfinite(d)) {
-    out += "null";
-    return;
-  }
-  char text[64];
-  auto [end, error] = std::to_chars(text, text + sizeof text, d);
-  if (error != std::errc()) {
-    out += "null";
-    return;
-  }
-  out.append(text, end);
-}
-
-void append(std::string& out, const Value& value) {
+nlohmann::json toNode(const Value& value) {
   switch (value.type()) {
     case Value::Type::kNull:
-      out += "null";
-      break;
+      return nullptr;
     case Value::Type::kBoolean:
-      out += value.get<bool>() ? "true" : "false";
-      break;
+      return value.get<bool>();
     case Value::Type::kInteger:
-      out += std::to_string(value.get<std::int64_t>());
-      break;
+      return value.get<std::int64_t>();
     case Value::Type::kUnsigned:
-      out += std::to_string(value.get<std::uint64_t>());
-      break;
+      return value.get<std::uint64_t>();
     case Value::Type::kReal:
-      appendReal(out, value.get<double>());
-      break;
+      // JSON has no infinities or NaN.
+      return std::isfinite(value.get<double>()) ? nlohmann::json(value.get<double>()) : nullptr;
     case Value::Type::kString:
-      appendJsonString(out, value.get<std::string>());
-      break;
+      return value.get<std::string>();
     case Value::Type::kData:
-      appendBase64(out, value.get<Value::Data>());
-      break;
+      return base64(value.get<Value::Data>());
     case Value::Type::kDate:
-      appendDate(out, value.get<Date>());
-      break;
+      return isoDate(value.get<Date>());
     case Value::Type::kArray: {
-      out.push_back('[');
-      const char* separator = "";
-      for (const auto& item : value.get<Value::Array>()) {
-        out += separator;
-        separator = ",";
-        append(out, item);
-      }
-      out.push_back(']');
-      break;
+      auto array = nlohmann::json::array();
+      for (const auto& item : value.get<Value::Array>())
+        array.push_back(toNode(item));
+      return array;
     }
     case Value::Type::kDictionary: {
-      out.push_back('{');
-      const char* separator = "";
-      for (const auto& [key, item] : value.get<Value::Dictionary>()) {
-        out += separator;
-        separator = ",";
-        appendJsonString(out, key);
-        out.push_back(':');
-        append(out, item);
-      }
-      out.push_back('}');
-      break;
+      auto object = nlohmann::json::object();
+      for (const auto& [key, item] : value.get<Value::Dictionary>())
+        object[key] = toNode(item);
+      return object;
     }
   }
+  return nullptr;
 }
 
 }  // namespace
 
-void appendJsonString(std::string& out, std::string_view text) {
-  out.push_back('"');
-  for (const char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      default:
-        // Other control characters must be escaped; everything else,
-        // UTF-8 sequences included, passes through as it is.
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char escape[8];
-          std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
-          out += escape;
-        } else {
-          out.push_back(c);
-        }
-    }
-  }
-  out.push_back('"');
-}
-
 std::string toJson(const Value& value) {
-  std::string out;
-  append(out, value);
-  return out;
+  // Bytes that are not UTF-8 become U+FFFD rather than invalid JSON.
+  return toNode(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace vantor::ctl

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "platform/values/value.h"
 
@@ -12,8 +11,5 @@ namespace vantor::ctl {
 // shortest exact form (null when not finite); data becomes a base64 string
 // and a date an ISO 8601 string in UTC with microseconds.
 std::string toJson(const Value& value);
-
-// Appends `text` as a JSON string literal, quotes included.
-void appendJsonString(std::string& out, std::string_view text);
 
 }  // namespace vantor::ctl
