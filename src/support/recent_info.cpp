@@ -152,7 +152,7 @@ class Unarchiver {
     const Value* classRef = object->find("$class");
     const Value* cls = classRef != nullptr ? resolve(*classRef) : nullptr;
     const Value* name = cls != nullptr ? cls->find("$classname") : nullptr;
-    if (name == nullptr || *name != Value(className))
+    if (name == nullptr || !name->isString() || name->get<std::string>() != className)
       return fail("expected an object of class " + className);
     return object;
   }
@@ -265,7 +265,8 @@ std::shared_ptr<VantorRecentInfo> unarchiveRecentInfo(std::span<const std::uint8
   const Value* objects = parsed.value->find("$objects");
   const Value* top = parsed.value->find("$top");
   const Value* rootRef = top != nullptr ? top->find("root") : nullptr;
-  if (archiver == nullptr || *archiver != Value("NSKeyedArchiver") || objects == nullptr ||
+  if (archiver == nullptr || !archiver->isString() ||
+      archiver->get<std::string>() != "NSKeyedArchiver" || objects == nullptr ||
       !objects->isArray() || rootRef == nullptr)
     return failWith("not a keyed archive");
 
