@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/files/read_file.h"
 #include "platform/values/plist_io.h"
 
 namespace vantor {
@@ -41,6 +42,8 @@ bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
 namespace {
 
 constexpr auto kFlushDelay = std::chrono::milliseconds(1000);
+// Far beyond what clients keep in it; a larger file is not one of ours.
+constexpr std::size_t kMaxFileBytes = 64u << 20;
 
 }  // namespace
 
@@ -87,11 +90,8 @@ bool SettingsStore::setObject(const std::string& key, std::optional<Value> value
 bool SettingsStore::synchronize(std::string* error) {
   struct stat st {};
   std::optional<FileStamp> current;
-  if (::stat(path_.c_str(), &st) == 0) {
-    current =
-        FileStamp{st.st_dev, st.st_ino, st.st_size,
-                  static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
-  }
+  if (::stat(path_.c_str(), &st) == 0)
+    current = FileStamp::of(st);
   if (current == stamp_)
     return true;
   return load(error);
@@ -103,46 +103,32 @@ bool SettingsStore::synchronize(std::string* error) {
 bool SettingsStore::load(std::string* error) {
   contents_ = Value(Value::Dictionary{});
   stamp_.reset();
-  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  // Stamped before reading: should the file be replaced in between, the
+  // stamp is the older one and the next synchronize reads it again.
+  struct stat st {};
+  if (::stat(path_.c_str(), &st) != 0) {
     if (errno == ENOENT)
       return true;
     if (error != nullptr)
-      *error = errnoText("cannot open " + path_.string(), errno);
+      *error = errnoText("cannot read " + path_.string(), errno);
     return false;
   }
-  struct stat st {};
+  const FileStamp stamp = FileStamp::of(st);
   std::vector<std::uint8_t> bytes;
-  bool readOk = ::fstat(fd, &st) == 0;
-  if (readOk) {
-    std::uint8_t buf[65536];
-    for (;;) {
-      const ssize_t n = ::read(fd, buf, sizeof buf);
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n < 0) {
-        readOk = false;
-        break;
-      }
-      if (n == 0)
-        break;
-      bytes.insert(bytes.end(), buf, buf + n);
-    }
-  }
-  const int readErrno = errno;
-  ::close(fd);
-  if (!readOk) {
+  std::string reason;
+  if (st.st_size > static_cast<off_t>(kMaxFileBytes)) {
+    reason = "larger than " + std::to_string(kMaxFileBytes) + " bytes";
+  } else if (auto read = readRegularFile(path_, kMaxFileBytes, &reason)) {
+    bytes = std::move(*read);
+  } else {
     if (error != nullptr)
-      *error = errnoText("cannot read " + path_.string(), readErrno);
+      *error = "cannot read " + path_.string() + ": " + reason;
     return false;
   }
-  const FileStamp stamp{
-      st.st_dev, st.st_ino, st.st_size,
-      static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
-  std::string reason;
-  if (bytes.empty()) {
+  // A file too large to be ours was refused above and is kept aside too.
+  if (reason.empty() && bytes.empty())
     reason = "empty file";
-  } else {
+  if (reason.empty()) {
     auto parsed = parsePlist(bytes);
     if (!parsed.value) {
       reason = parsed.error;
@@ -223,8 +209,7 @@ bool SettingsStore::write(std::string* error) {
       *error = errnoText("cannot write " + path_.string(), ok ? errno : err);
     return false;
   }
-  stamp_ = FileStamp{st.st_dev, st.st_ino, st.st_size,
-                     static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+  stamp_ = FileStamp::of(st);
   durability_.schedule();
   return true;
 }

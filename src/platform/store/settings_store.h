@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <filesystem>
 #include <memory>
@@ -68,6 +69,10 @@ class SettingsStore {
     off_t size = -1;
     long long mtimeNs = 0;
     bool operator==(const FileStamp&) const = default;
+    static FileStamp of(const struct stat& st) {
+      return {st.st_dev, st.st_ino, st.st_size,
+              static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+    }
   };
 
   std::filesystem::path path_;
