@@ -145,11 +145,6 @@ namespace {
 // be most of the cost of a cached answer.
 class MountTable {
  public:
-  ~MountTable() {
-    if (fd_ >= 0)
-      ::close(fd_);
-  }
-
   std::vector<std::string> localVolumes() {
     std::lock_guard lock(mutex_);
     if (fd_ < 0) {
@@ -196,8 +191,9 @@ class MountTable {
 }  // namespace
 
 std::vector<std::string> getLocalVolumes() {
-  static MountTable table;
-  return table.localVolumes();
+  // Never destroyed: requests may still be asking while the process exits.
+  static MountTable* const table = new MountTable;
+  return table->localVolumes();
 }
 
 bool validateVolume(const Value& info) {
