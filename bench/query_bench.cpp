@@ -22,7 +22,7 @@
 
 #include "figures.h"
 #include "platform/values/dbus_value.h"
-#include "support/test_context.h"
+#include "testkit/daemon_harness.h"
 
 namespace {
 
@@ -31,21 +31,16 @@ using vantor::bench::residentKiB;
 using Clock = std::chrono::steady_clock;
 
 void run(int serviceCount, int queries) {
-  vantor::test::TestContext ctx;
+  vantor::testkit::DaemonHarness ctx;
   ctx.grantUser("bench.plist", ::getuid(),
                 {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT"});
   if (!ctx.startDaemon({{"VANTOR_LOG_LEVEL", "3"}}))
     std::exit(1);
-  std::vector<std::unique_ptr<vantor::test::ChildProcess>> services;
-  for (int i = 0; i < serviceCount; ++i) {
-    services.push_back(ctx.startService(
-        {"--id", "com.example.bench" + std::to_string(i), "--checkin", "--amount", "1048576"}));
-  }
-  for (auto& s : services) {
-    if (!s->waitForLine("checked-in", std::chrono::seconds(60))) {
-      std::fprintf(stderr, "a service did not check in\n");
-      std::exit(1);
-    }
+  const auto services =
+      ctx.startCheckedInServices("com.example.bench", serviceCount, {"--amount", "1048576"});
+  if (services.empty() && serviceCount > 0) {
+    std::fprintf(stderr, "a service did not check in\n");
+    std::exit(1);
   }
   auto connection = ctx.connect();
   auto proxy = sdbus::createProxy(*connection, "com.tessaly.vantor", "/com/tessaly/vantor");

@@ -15,7 +15,7 @@
 
 #include "figures.h"
 #include "platform/values/plist_io.h"
-#include "support/test_context.h"
+#include "testkit/daemon_harness.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ using vantor::bench::percentile;
 using vantor::bench::residentKiB;
 using Clock = std::chrono::steady_clock;
 
-void run(vantor::test::TestContext& ctx, const char* label,
+void run(vantor::testkit::DaemonHarness& ctx, const char* label,
          const std::map<std::string, std::string>& env, int runs) {
   std::vector<double> ms;
   long rss = 0;
@@ -51,7 +51,7 @@ void run(vantor::test::TestContext& ctx, const char* label,
 
 int main(int argc, char** argv) {
   const int runs = argc > 1 ? std::atoi(argv[1]) : 20;
-  vantor::test::TestContext ctx;
+  vantor::testkit::DaemonHarness ctx;
   ctx.grantUser("root.plist", 0, {"CLIENT_ENTITLEMENT"});
   for (int i = 0; i < 1000; ++i) {
     vantor::Value::Array kinds{vantor::Value("PURGE")};

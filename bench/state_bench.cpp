@@ -17,7 +17,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "figures.h"
-#include "support/test_context.h"
+#include "testkit/daemon_harness.h"
 
 namespace {
 
@@ -26,7 +26,8 @@ using Clock = std::chrono::steady_clock;
 
 // Each client sets its own key (so sets never overwrite one another) or
 // reads it back; returns the latencies in microseconds.
-std::vector<double> clientLoop(vantor::test::TestContext& ctx, int client, bool set, int calls) {
+std::vector<double> clientLoop(vantor::testkit::DaemonHarness& ctx, int client, bool set,
+                               int calls) {
   auto connection = sdbus::createSessionBusConnectionWithAddress(ctx.busAddress());
   auto proxy = sdbus::createProxy(*connection, "com.tessaly.vantor", "/com/tessaly/vantor");
   const std::string key = "BENCH_" + std::to_string(client);
@@ -51,7 +52,8 @@ std::vector<double> clientLoop(vantor::test::TestContext& ctx, int client, bool 
   return us;
 }
 
-void run(vantor::test::TestContext& ctx, const char* method, bool set, int clients, int calls) {
+void run(vantor::testkit::DaemonHarness& ctx, const char* method, bool set, int clients,
+         int calls) {
   std::vector<std::vector<double>> results(static_cast<std::size_t>(clients));
   std::vector<std::thread> threads;
   const auto start = Clock::now();
@@ -74,7 +76,7 @@ void run(vantor::test::TestContext& ctx, const char* method, bool set, int clien
 
 int main(int argc, char** argv) {
   const int calls = argc > 1 ? std::atoi(argv[1]) : 2000;
-  vantor::test::TestContext ctx;
+  vantor::testkit::DaemonHarness ctx;
   ctx.grantUser("bench.plist", ::getuid(), {"CLIENT_ENTITLEMENT"});
   if (!ctx.startDaemon({{"VANTOR_LOG_LEVEL", "3"}}))
     return 1;

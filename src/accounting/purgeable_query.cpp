@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <limits>
+
 #include "daemon/vantor.h"
 #include "platform/clock/clock.h"
 #include "platform/dispatch/global_pool.h"
@@ -109,10 +111,15 @@ Value Vantor::_totalAvailable(std::int32_t urgency, const Value& info) {
   Value::Dictionary result = counted != nullptr && counted->isDictionary()
                                  ? counted->get<Value::Dictionary>()
                                  : Value::Dictionary{};
+  // Services may report amounts near the top of the range: the sum saturates
+  // at the signed 64-bit limits instead of overflowing.
   std::int64_t total = 0;
   for (const auto& [identifier, amount] : result) {
     if (amount.isNumber()) {
-      total += amount.int64Value();
+      const std::int64_t add = amount.int64Value();
+      if (__builtin_add_overflow(total, add, &total))
+        total = add < 0 ? std::numeric_limits<std::int64_t>::min()
+                        : std::numeric_limits<std::int64_t>::max();
     } else {
       VANTOR_LOG(3, "%s %d %@ num is not a number: %@", kName, 587, identifier.c_str(),
                  amount.description().c_str());

@@ -10,6 +10,35 @@ namespace vantor {
 namespace {
 constexpr char kCheckin[] = "-[Vantor clientCheckin:endpoint:info:reply:]";
 constexpr char kRegister[] = "-[Vantor clientCheckin:endpoint:info:reply:]_block_invoke";
+
+// What one caller may make the daemon keep through check-ins: services filed
+// under distinct IDs per bus connection, and notification names per service.
+// An honest program checks in one service or a few.
+constexpr std::size_t kMaxCheckinsPerSender = 16;
+constexpr std::size_t kMaxNotificationsPerService = 64;
+constexpr std::size_t kMaxNotificationNameBytes = 256;
+
+// The notification limit `info` breaks, or nullopt.
+std::optional<std::string> notificationLimitBroken(const Value& info) {
+  const Value* names = info.find("VANTOR_NOTIFICATIONS");
+  if (names == nullptr)
+    return std::nullopt;
+  std::size_t count = 0;
+  if (const auto* array = names->asArray()) {
+    count = array->size();
+    for (const auto& name : *array) {
+      if (const auto* text = name.asString(); text && text->size() > kMaxNotificationNameBytes)
+        return "notification name of " + std::to_string(text->size()) + " bytes (limit " +
+               std::to_string(kMaxNotificationNameBytes) + ")";
+    }
+  } else if (const auto* dict = names->asDictionary()) {
+    count = dict->size();
+  }
+  if (count > kMaxNotificationsPerService)
+    return std::to_string(count) + " notification names (limit " +
+           std::to_string(kMaxNotificationsPerService) + ")";
+  return std::nullopt;
+}
 }  // namespace
 
 void Vantor::clientCheckin(const std::string& serviceId, const ServiceEndpoint& endpoint,
@@ -25,22 +54,40 @@ void Vantor::clientCheckin(const std::string& serviceId, const ServiceEndpoint& 
     VANTOR_LOG(3, "%s Connection is not entitled!", kCheckin);
     return;
   }
+  const std::string sender = currentConnection()->sender();
+  if (auto broken = notificationLimitBroken(info)) {
+    VANTOR_LOG(3, "%s refused a check-in from %@: %@", kCheckin, sender.c_str(), broken->c_str());
+    reply(Value(), ClientError{kErrorLimitsExceeded, "Refused: " + *broken});
+    return;
+  }
   auto self = shared_from_this();
-  operation_queue->async([self, serviceId, endpoint, info, reply = std::move(reply)] {
-    self->registerService(serviceId, endpoint, info, reply);
+  operation_queue->async([self, serviceId, endpoint, info, sender, reply = std::move(reply)] {
+    self->registerService(serviceId, endpoint, info, sender, reply);
   });
 }
 
 void Vantor::registerService(const std::string& serviceId, const ServiceEndpoint& endpoint,
-                             const Value& info, const CheckinReply& reply) {
+                             const Value& info, const std::string& sender,
+                             const CheckinReply& reply) {
   std::shared_ptr<VTService> record;
   if (auto it = services.find(serviceId); it != services.end()) {
     // The first connection stays; the endpoint just received is dropped.
     VANTOR_LOG(5, "%s operating on an existing service", kRegister);
     record = it->second;
   } else {
+    std::size_t mine = 0;
+    for (const auto& [id, other] : services)
+      mine += other->checkedInBy() == sender ? 1 : 0;
+    if (mine >= kMaxCheckinsPerSender) {
+      const std::string broken = std::to_string(mine) + " services checked in (limit " +
+                                 std::to_string(kMaxCheckinsPerSender) + ")";
+      VANTOR_LOG(3, "%s refused a check-in from %@: %@", kRegister, sender.c_str(), broken.c_str());
+      reply(Value(), ClientError{kErrorLimitsExceeded, "Refused: " + broken});
+      return;
+    }
     record = std::make_shared<VTService>();
     record->setID(serviceId);
+    record->setCheckedInBy(sender);
     record->setEndpoint(endpoint);
     auto connection = ServiceConnection::initWithListenerEndpoint(endpoint);
     record->setXpcConn(connection);
@@ -56,6 +103,7 @@ void Vantor::registerService(const std::string& serviceId, const ServiceEndpoint
         auto current = weakRecord.lock();
         if (filed != self->services.end() && current && filed->second == current) {
           self->services.erase(filed);
+          self->publishServices();
         }
       });
     };
@@ -73,6 +121,7 @@ void Vantor::registerService(const std::string& serviceId, const ServiceEndpoint
     connection->resume();
     pingService(proxy, wake);
     services[serviceId] = record;
+    publishServices();
   }
 
   const Value* periodic = info.find("PERIODIC");

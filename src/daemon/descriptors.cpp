@@ -24,35 +24,77 @@ constexpr char kStep[] = "-[Vantor init]_block_invoke";
 // Descriptors are small; anything larger is not one.
 constexpr std::size_t kMaxDescriptorBytes = 4 << 20;
 
+// Reads and parses one entry and hands a dictionary to `execBlock`;
+// anything else is logged and skipped.
+void readDescriptor(const std::string& full, const std::function<void(const Value&)>& execBlock) {
+  std::string error;
+  auto bytes = readRegularFile(full, kMaxDescriptorBytes, &error);
+  if (bytes) {
+    auto parsed = parsePlist(*bytes);
+    if (parsed.value && parsed.value->isDictionary()) {
+      execBlock(*parsed.value);
+      return;
+    }
+    error = parsed.value ? std::string() : parsed.error;
+  }
+  // The error is absent when the file parsed but is not a dictionary.
+  VANTOR_LOG(3, "%s propertyListWithData failed: %@", kScan,
+             error.empty() ? nullptr : error.c_str());
+}
+
 }  // namespace
 
 void Vantor::scanPlistsAtPath(const std::string& path,
                               const std::function<void(const Value&)>& execBlock) {
+  namespace fs = std::filesystem;
+  // Depth first, each directory's entries in the order the file system gives
+  // them, a directory's contents right after the directory itself. Every
+  // directory is opened on its own, so one that cannot be opened or read to
+  // the end is logged and left, and the scan goes on with the rest. Symbolic
+  // links to directories are not followed, so the walk always ends.
+  struct Open {
+    std::string path;
+    fs::directory_iterator it;
+  };
+  std::vector<Open> open;
   std::error_code ec;
-  std::filesystem::recursive_directory_iterator it(
-      path, std::filesystem::directory_options::skip_permission_denied, ec);
+  open.push_back(
+      {path, fs::directory_iterator(path, fs::directory_options::skip_permission_denied, ec)});
   if (ec)
     return;  // missing or unreadable directory: no entries
-  for (std::filesystem::recursive_directory_iterator end; it != end; it.increment(ec)) {
-    if (ec)
-      break;
-    const std::string relative = std::filesystem::relative(it->path(), path, ec).string();
-    const std::string full = path + "/" + (ec ? it->path().filename().string() : relative);
+  // Moves `level` past its current entry; a read error leaves the rest of it.
+  const auto advance = [&](Open& level) {
+    level.it.increment(ec);
+    if (ec) {
+      VANTOR_LOG(3, "%s cannot enumerate %@: %@", kScan, level.path.c_str(), ec.message().c_str());
+      level.it = fs::directory_iterator();
+    }
+  };
+  while (!open.empty()) {
+    if (open.back().it == fs::directory_iterator()) {
+      open.pop_back();
+      if (!open.empty())
+        advance(open.back());  // past the directory just finished
+      continue;
+    }
+    const fs::directory_entry& entry = *open.back().it;
+    const std::string relative = entry.path().lexically_relative(path).string();
+    const std::string full =
+        path + "/" + (relative.empty() ? entry.path().filename().string() : relative);
     VANTOR_LOG(5, "%s looking at: %@", kScan, full.c_str());
+    readDescriptor(full, execBlock);
 
-    std::string error;
-    auto bytes = readRegularFile(full, kMaxDescriptorBytes, &error);
-    if (bytes) {
-      auto parsed = parsePlist(*bytes);
-      if (parsed.value && parsed.value->isDictionary()) {
-        execBlock(*parsed.value);
+    // Into a subdirectory next; otherwise on to the next entry.
+    std::error_code typeError;
+    if (entry.is_directory(typeError) && !entry.is_symlink(typeError)) {
+      fs::directory_iterator sub(entry.path(), fs::directory_options::skip_permission_denied, ec);
+      if (!ec) {
+        open.push_back({full, std::move(sub)});
         continue;
       }
-      error = parsed.value ? std::string() : parsed.error;
+      VANTOR_LOG(3, "%s cannot enumerate %@: %@", kScan, full.c_str(), ec.message().c_str());
     }
-    // The error is absent when the file parsed but is not a dictionary.
-    VANTOR_LOG(3, "%s propertyListWithData failed: %@", kScan,
-               error.empty() ? nullptr : error.c_str());
+    advance(open.back());
   }
 }
 

@@ -24,6 +24,11 @@ extern "C" void sigterm_handler(int) {
   _exit(0);
 }
 
+// A block that throws is logged and its thread goes on with the next one.
+void logUncaught(const char* where, const char* what) {
+  VANTOR_LOG(3, "%s a block on %s ended by throwing: %s", "main", where, what);
+}
+
 // Re-reads the entitlement policy on every SIGHUP. The signal is blocked in
 // every thread, so only this one receives it.
 void watchForReload() {
@@ -34,7 +39,11 @@ void watchForReload() {
     for (;;) {
       int signal = 0;
       if (sigwait(&set, &signal) == 0 && signal == SIGHUP && vantor::sharedVantor) {
-        vantor::sharedVantor->reloadEntitlementPolicy();
+        try {
+          vantor::sharedVantor->reloadEntitlementPolicy();
+        } catch (...) {
+          vantor::dispatch::reportUncaughtException("SIGHUP reload");
+        }
       }
     }
   }).detach();
@@ -51,6 +60,7 @@ int main() {
   sigaddset(&hangup, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
 
+  vantor::dispatch::setUncaughtExceptionHandler(&logUncaught);
   vantor::transactionBegin();
 
   vantor::clock::Timebase timebase;
@@ -73,11 +83,17 @@ int main() {
   }
   watchForReload();
 
+  sharedVantor->registerDailyActivity();
+  sharedVantor->registerVolumeEventStream();
+
   signal(SIGTERM, sigterm_handler);
 
   if (vantor::notifyPost("com.tessaly.vantor.launched") != 0) {
     VANTOR_LOG(3, "%s notify_post failed: %s", "main", std::strerror(errno));
   }
+  // Serving on the bus is what readiness means, whether or not the launch
+  // signal went out.
+  vantor::notifyReady();
 
   VANTOR_LOG(5, "%s Vantor, open for business!", "main");
 

@@ -46,8 +46,8 @@ bool Vantor::init(const Options& options, std::string* listenError) {
 
   default_values = Value::Dictionary{{"VANTOR_CACHE_ENABLED", Value(true)}};
 
-  const std::string stateDirectory = stateDirectoryFrom(
-      options.stateDirectory ? *options.stateDirectory : envOr("STATE_DIRECTORY", ""));
+  stateDirectory = stateDirectoryFrom(options.stateDirectory ? *options.stateDirectory
+                                                             : envOr("STATE_DIRECTORY", ""));
   SettingsStore::Diagnostics diagnostics;
   userDefaults =
       SettingsStore::open(std::filesystem::path(stateDirectory) / kSuiteFile, &diagnostics);
@@ -67,6 +67,7 @@ bool Vantor::init(const Options& options, std::string* listenError) {
   // daemons before any connection can arrive, so without their queues.
   scanPlistsAtPath(plistDir(),
                    [this](const Value& descriptor) { addDescriptorService(descriptor); });
+  publishServices();
 
   reloadEntitlementPolicy();
   if (!options.listen)
@@ -100,6 +101,17 @@ std::shared_ptr<dispatch::Semaphore> Vantor::purge_semaphore() const {
 void Vantor::setPurge_semaphore(std::shared_ptr<dispatch::Semaphore> semaphore) {
   std::lock_guard lock(semaphoreMutex_);
   purgeSemaphore_ = std::move(semaphore);
+}
+
+std::shared_ptr<const Vantor::ServiceTable> Vantor::publishedServices() const {
+  std::lock_guard lock(publishedMutex_);
+  return published_;
+}
+
+void Vantor::publishServices() {
+  auto copy = std::make_shared<const ServiceTable>(services);
+  std::lock_guard lock(publishedMutex_);
+  published_ = std::move(copy);
 }
 
 void Vantor::reloadEntitlementPolicy() {

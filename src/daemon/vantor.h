@@ -9,16 +9,22 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <variant>
+#include <vector>
 
 #include "platform/dispatch/queue.h"
 #include "platform/dispatch/semaphore.h"
 #include "platform/store/settings_store.h"
 #include "platform/values/value.h"
+#include "support/admin_protocol.h"
 #include "support/client_protocol.h"
 #include "support/listener.h"
+#include "support/low_space.h"
+#include "support/purge_history.h"
 #include "support/service_connection.h"
 #include "support/service_proxy.h"
 #include "support/service_record.h"
+#include "support/working_info.h"
 
 namespace vantor {
 
@@ -48,7 +54,9 @@ enum class OptOut { kQuery, kRecord };
 // The purge bookkeeping numbers are atomics read and written without a queue.
 // The class is declared here; each subsystem folder defines the methods it
 // owns.
-class Vantor final : public VantorClientProtocol, public std::enable_shared_from_this<Vantor> {
+class Vantor final : public VantorClientProtocol,
+                     public VantorAdminProtocol,
+                     public std::enable_shared_from_this<Vantor> {
  public:
   using StringSet = std::set<std::string>;
   using ServiceTable = std::map<std::string, std::shared_ptr<VTService>>;
@@ -84,6 +92,8 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   dispatch::QueuePtr defaults_queue;
   std::atomic<bool> cancel{false};
   std::string rootPath;
+  // Where the settings store and the daily run's stamp live.
+  std::string stateDirectory;
   std::atomic<std::uint64_t> purge_amount_needed{0};
   std::atomic<std::uint64_t> purge_amount_reported{0};
   std::atomic<std::int32_t> purge_active_service_count{0};
@@ -92,6 +102,12 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   dispatch::QueuePtr purge_post_queue;
   std::shared_ptr<dispatch::Semaphore> purge_semaphore() const;
   void setPurge_semaphore(std::shared_ptr<dispatch::Semaphore> semaphore);
+
+  // A copy of `services` as it stood after its last change, for readers that
+  // cannot wait for operation_queue (a purge holds it for minutes). Only
+  // code running on operation_queue (or start-up) publishes.
+  std::shared_ptr<const ServiceTable> publishedServices() const;
+  void publishServices();
 
   // The descriptor directory: rootPath followed by "/System/Library/Vantor/".
   std::string plistDir() const;
@@ -151,6 +167,24 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   // The query itself; must run on operation_queue, which it holds throughout.
   Value _totalAvailable(std::int32_t urgency, const Value& info);
 
+  // --- purge ---------------------------------------------------------------
+  // Called with each service's reply to a purge request, as it comes.
+  using PurgeCallback = std::function<void(const Value& reply)>;
+  // Purges info["VANTOR_AMOUNT"] bytes on info["VANTOR_VOLUME"], walking the
+  // purging services through the urgency levels, and returns the purge
+  // result (or the error result of _checkInfo). Blocks the caller until the
+  // body on operation_queue has finished or 120 seconds have passed; the body
+  // goes on in the background after that. Never call it on operation_queue.
+  Value purge(const Value& info, const PurgeCallback& callback);
+  // Asks `service` for its share of what `info`'s purge still misses; returns
+  // at once, the request runs on purge_post_queue.
+  void queueServiceRequest(const std::shared_ptr<VTService>& service,
+                           const std::shared_ptr<WorkingInfo>& info, const PurgeCallback& callback);
+  // Records "<identifier>.purged" and, for a non-zero request, the percentage
+  // bucket "<identifier>.purged.<bucket>.percent".
+  void reportPercentageForAmountRequested(std::int64_t requested, std::int64_t purged,
+                                          const std::string& identifier);
+
   // --- client protocol -----------------------------------------------------
   void clientCheckin(const std::string& serviceId, const ServiceEndpoint& endpoint,
                      const Value& info, CheckinReply reply) override;
@@ -158,8 +192,16 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   void clientItemizedPurgeableSpace(const Value& info, DictionaryReply reply) override;
   void clientPurge(const Value& info, DictionaryReply reply) override;
   void clientCancelPurge(EmptyReply reply) override;
-  void clientSetState(const Value& value, const Value& key, EmptyReply reply) override;
+  void clientSetState(const Value& value, const Value& key, StatusReply reply) override;
   void clientGetState(const Value& key, ObjectReply reply) override;
+
+  // --- administration ----------------------------------------------------
+  // The last purges, filed by the purge driver as each one finishes.
+  PurgeHistory purgeHistory;
+  NamedEntries adminListServices() override;
+  NamedEntries adminGetVolumes() override;
+  Value::Dictionary adminGetStatistics() override;
+  Value::Array adminGetPurgeHistory() override;
 
   // --- service connections ---------------------------------------------
   // Sends a ping through `proxy` and waits, with no limit of its own, for the
@@ -173,13 +215,38 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   void notifyRecipients(const std::string& name, const Value& value);
 
   // --- client state (runs on defaults_queue) --------------------------------
-  void _clientSetState(const Value& value, const Value& key, const EmptyReply& reply);
+  // `sender` names a client whose request is held to the state's limits;
+  // empty for the daemon's own writes.
+  void _clientSetState(const Value& value, const Value& key, const StatusReply& reply,
+                       const std::string& sender = {});
   void _clientGetState(const Value& key, const ObjectReply& reply);
-  void clientSetStateSync(const Value& value, const Value& key);
-  Value clientGetStateSync(const Value& key);
+  // What the in-process forms carry: a property-list value, or the
+  // recent-info record, which the store keeps as its keyed archive. The set
+  // archives a record and passes any other value unchanged; the get unarchives
+  // every data value it meets (data that is no archive of a record answers
+  // null).
+  using StateObject = std::variant<Value, std::shared_ptr<VantorRecentInfo>>;
+  void clientSetStateSync(const StateObject& value, const Value& key);
+  StateObject clientGetStateSync(const Value& key);
 
   // Reads the entitlement policy below rootPath again and installs it.
   void reloadEntitlementPolicy();
+
+  // --- maintenance ---------------------------------------------------------
+  // Asks every periodic service, at urgency 3, to do its housekeeping on
+  // info["VANTOR_VOLUME"]. Runs on operation_queue and returns once every
+  // call is sent; replies are only logged. Never call it on operation_queue.
+  void performPeriodicsWithInfo(const Value& info);
+  // Purges every volume that is low on space now, one after another, and
+  // counts the event by its flags. Blocks up to 120 seconds per low volume.
+  void handleVFSStreamXPCEvent(const VolumeEvent& event);
+  // Registers the daily activity "com.tessaly.Vantor.daily": its handler runs
+  // every periodic service on every local volume once per interval, and the
+  // time of the last run is kept in stateDirectory. Called once, by main.
+  void registerDailyActivity();
+  // Starts the low-space monitor, whose events go to handleVFSStreamXPCEvent
+  // on the global queue. Called once, by main.
+  void registerVolumeEventStream();
 
  private:
   Vantor() = default;
@@ -188,10 +255,24 @@ class Vantor final : public VantorClientProtocol, public std::enable_shared_from
   void askPurgeable(const std::shared_ptr<VTService>& service, const std::string& identifier,
                     std::int32_t urgency, const Value& info);
   void registerService(const std::string& serviceId, const ServiceEndpoint& endpoint,
-                       const Value& info, const CheckinReply& reply);
+                       const Value& info, const std::string& sender, const CheckinReply& reply);
+  // The purge's body, on operation_queue, which it holds throughout.
+  void purgeBody(const std::shared_ptr<WorkingInfo>& working,
+                 const std::vector<std::int32_t>& levels, const PurgeCallback& callback,
+                 std::uint64_t userTimeout);
+  // One service request's steps: computing and sending the share (on
+  // purge_post_queue) and accounting the reply (on a pool thread).
+  void sendServiceRequest(const std::shared_ptr<VTService>& service,
+                          const std::shared_ptr<WorkingInfo>& info, const PurgeCallback& callback);
+  void accountServiceReply(const std::shared_ptr<VTService>& service, const std::string& identifier,
+                           const std::shared_ptr<WorkingInfo>& info, const PurgeCallback& callback,
+                           std::uint64_t donation, std::uint64_t start, std::int32_t urgency,
+                           const Value& reply, const std::function<void()>& finish);
 
   mutable std::mutex semaphoreMutex_;
   std::shared_ptr<dispatch::Semaphore> purgeSemaphore_;
+  mutable std::mutex publishedMutex_;
+  std::shared_ptr<const ServiceTable> published_ = std::make_shared<const ServiceTable>();
 };
 
 }  // namespace vantor

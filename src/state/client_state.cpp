@@ -1,8 +1,17 @@
 // Persistent client state: one dictionary in the settings store, written
-// through on every set, with defaults filling the gaps on reads.
+// through on every set, with defaults filling the gaps on reads. The set
+// worker takes any key and value as given and logs nothing of them, except
+// that a client's set is held to the limits below.
+
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
 
 #include "daemon/vantor.h"
+#include "support/client_connection.h"
 #include "support/log.h"
+#include "support/recent_info.h"
 
 namespace vantor {
 
@@ -11,12 +20,82 @@ namespace {
 constexpr char kStateKey[] = "VANTOR_USER_DEFAULTS";
 constexpr char kCacheEnabledKey[] = "VANTOR_CACHE_ENABLED";
 
+// What a client may make the daemon keep. Every client shares one store that
+// is rewritten whole on each change, so its size bounds the cost of every
+// later write; the figures leave honest use far behind.
+constexpr std::size_t kMaxKeyBytes = 256;
+constexpr std::size_t kMaxValueBytes = 64 * 1024;
+constexpr std::size_t kMaxStateBytes = 1024 * 1024;
+
+// About the bytes `value` takes in a binary property list: a marker, a length
+// or payload and an offset per object, the bytes of strings and data, and the
+// references of containers. Walks without recursion.
+std::size_t storedSize(const Value& value) {
+  constexpr std::size_t kObject = 9;
+  constexpr std::size_t kReference = 2;
+  std::size_t total = 0;
+  std::vector<const Value*> pending{&value};
+  while (!pending.empty()) {
+    const Value* v = pending.back();
+    pending.pop_back();
+    total += kObject;
+    if (const auto* text = v->asString()) {
+      total += text->size();
+    } else if (const auto* data = v->asData()) {
+      total += data->size();
+    } else if (const auto* array = v->asArray()) {
+      total += array->size() * kReference;
+      for (const auto& item : *array)
+        pending.push_back(&item);
+    } else if (const auto* dict = v->asDictionary()) {
+      for (const auto& [k, item] : *dict) {
+        total += 2 * kReference + kObject + k.size();
+        pending.push_back(&item);
+      }
+    }
+  }
+  return total;
+}
+
+std::size_t storedSize(const std::string& key, const Value& value) {
+  return 9 + key.size() + storedSize(value);
+}
+
+// The limit a client's set of `value` under `key` would break, or nullopt.
+// Removing a key is always allowed. `state` is the state before the set.
+std::optional<std::string> limitBroken(const Value::Dictionary& state, const std::string& key,
+                                       const Value& value) {
+  if (key.size() > kMaxKeyBytes)
+    return "key of " + std::to_string(key.size()) + " bytes (limit " +
+           std::to_string(kMaxKeyBytes) + ")";
+  if (value.isNull())
+    return std::nullopt;
+  const std::size_t size = storedSize(value);
+  if (size > kMaxValueBytes)
+    return "value of about " + std::to_string(size) + " bytes (limit " +
+           std::to_string(kMaxValueBytes) + ")";
+  std::size_t total = 0;
+  for (const auto& [k, v] : state) {
+    if (k != key)
+      total += storedSize(k, v);
+  }
+  total += storedSize(key, value);
+  if (total > kMaxStateBytes)
+    return "client state of about " + std::to_string(total) + " bytes (limit " +
+           std::to_string(kMaxStateBytes) + ")";
+  return std::nullopt;
+}
+
 }  // namespace
 
-void Vantor::clientSetState(const Value& value, const Value& key, EmptyReply reply) {
+void Vantor::clientSetState(const Value& value, const Value& key, StatusReply reply) {
   auto self = shared_from_this();
-  defaults_queue->async(
-      [self, value, key, reply = std::move(reply)] { self->_clientSetState(value, key, reply); });
+  // The caller is known on this thread only; the worker runs on another.
+  const ClientConnection* connection = currentConnection();
+  std::string sender = connection != nullptr ? connection->sender() : std::string("(in process)");
+  defaults_queue->async([self, value, key, reply = std::move(reply), sender = std::move(sender)] {
+    self->_clientSetState(value, key, reply, sender);
+  });
 }
 
 void Vantor::clientGetState(const Value& key, ObjectReply reply) {
@@ -25,44 +104,48 @@ void Vantor::clientGetState(const Value& key, ObjectReply reply) {
       [self, key, reply = std::move(reply)] { self->_clientGetState(key, reply); });
 }
 
-void Vantor::_clientSetState(const Value& value, const Value& key, const EmptyReply& reply) {
+void Vantor::_clientSetState(const Value& value, const Value& key, const StatusReply& reply,
+                             const std::string& sender) {
   constexpr char kName[] = "-[Vantor _clientSetState:key:replyBlock:]";
   defaults_queue->assertCurrent(kName);
-  const std::string* name = key.asString();
-  if (userDefaults && name != nullptr) {
-    userDefaults->synchronize();
+  if (userDefaults) {
+    if (std::string error; !userDefaults->synchronize(&error))
+      VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
+    // Anything stored in the state's place that is not a dictionary gives way
+    // to a fresh one.
     Value::Dictionary state;
-    if (const Value* stored = userDefaults->objectForKey(kStateKey)) {
-      if (const auto* dict = stored->asDictionary()) {
-        state = *dict;
+    if (const Value* stored = userDefaults->objectForKey(kStateKey);
+        stored != nullptr && stored->isDictionary())
+      state = stored->get<Value::Dictionary>();
+    // The store's dictionaries have string keys: a key of another type names
+    // no entry, and the state is written back as it was.
+    if (const std::string* name = key.asString()) {
+      if (!sender.empty()) {
+        if (auto broken = limitBroken(state, *name, value)) {
+          VANTOR_LOG(3, "%s refused a set from %@: %@", kName, sender.c_str(), broken->c_str());
+          reply(ClientError{kErrorLimitsExceeded, "Refused: " + *broken});
+          return;
+        }
+      }
+      if (value.isNull()) {
+        state.erase(*name);
       } else {
-        // Something else took the state's place; a fresh dictionary replaces it.
-        VANTOR_LOG(3, "%s persistent_state is not a dictionary: %@", kName,
-                   stored->description().c_str());
+        state[*name] = value;
       }
     }
-    if (value.isNull()) {
-      state.erase(*name);
-    } else {
-      state[*name] = value;
-    }
+    // A change that cannot be written is dropped, in memory as on disk, and
+    // the caller is told why.
     std::string error;
     if (!userDefaults->setObject(kStateKey, Value(std::move(state)), &error)) {
       VANTOR_LOG(3, "%s cannot write the settings store: %@", kName, error.c_str());
+      reply(ClientError{kErrorIOError, "The settings store cannot be written: " + error});
+      return;
     }
-  } else if (name == nullptr) {
-    VANTOR_LOG(3, "%s key is not an NSString: %@", kName, key.description().c_str());
   }
-  if (name != nullptr && *name == kCacheEnabledKey) {
-    // Removing the entry brings the default back, so that is what services hear.
-    Value effective = value;
-    if (effective.isNull()) {
-      if (auto it = default_values.find(*name); it != default_values.end())
-        effective = it->second;
-    }
-    notifyRecipients(*name, effective);
-  }
-  reply();
+  // Services hear the value as it was given, null included.
+  if (key == Value(kCacheEnabledKey))
+    notifyRecipients(kCacheEnabledKey, value);
+  reply(std::nullopt);
 }
 
 void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
@@ -76,7 +159,8 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
   }
   const Value* stored = nullptr;
   if (userDefaults) {
-    userDefaults->synchronize();
+    if (std::string error; !userDefaults->synchronize(&error))
+      VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
     stored = userDefaults->objectForKey(kStateKey);
   }
   // Stored values are lent to the reply, not copied: the record of the
@@ -113,14 +197,27 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
   }
 }
 
-void Vantor::clientSetStateSync(const Value& value, const Value& key) {
+void Vantor::clientSetStateSync(const StateObject& value, const Value& key) {
   // The worker replies before it returns, so this never waits.
-  _clientSetState(value, key, [] {});
+  if (const auto* record = std::get_if<std::shared_ptr<VantorRecentInfo>>(&value)) {
+    _clientSetState(*record ? Value(archiveRecentInfo(**record)) : Value(), key,
+                    [](std::optional<ClientError>) {});
+    return;
+  }
+  _clientSetState(std::get<Value>(value), key, [](std::optional<ClientError>) {});
 }
 
-Value Vantor::clientGetStateSync(const Value& key) {
-  Value answer;
-  _clientGetState(key, [&](const Value& v) { answer = v; });
+Vantor::StateObject Vantor::clientGetStateSync(const Value& key) {
+  StateObject answer;
+  _clientGetState(key, [&](const Value& stored) {
+    if (!stored.isData()) {
+      answer = stored;
+    } else if (auto record = unarchiveRecentInfo(stored.get<Value::Data>())) {
+      answer = std::move(record);
+    } else {
+      answer = Value();  // data that is no archive of a record
+    }
+  });
   return answer;
 }
 

@@ -23,6 +23,16 @@ class NotSupportedError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A refusal a client method answers with: a D-Bus error name and its message.
+struct ClientError {
+  std::string name;
+  std::string message;
+};
+
+// The D-Bus error names client methods answer with beyond the transport's own.
+inline constexpr char kErrorLimitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
+inline constexpr char kErrorIOError[] = "org.freedesktop.DBus.Error.IOError";
+
 // What the daemon offers its clients. Every method answers through its reply
 // block, exactly once, from any thread, except where a method's contract says
 // it may stay silent (a refused check-in). Arguments keep the protocol's
@@ -30,10 +40,12 @@ class NotSupportedError : public std::runtime_error {
 class VantorClientProtocol {
  public:
   using DictionaryReply = std::function<void(Value result)>;  // null: the null reply
-  using CheckinReply = std::function<void(Value result, std::optional<std::string> error)>;
+  using CheckinReply = std::function<void(Value result, std::optional<ClientError> error)>;
   // The value lent for the call only: copy what must outlive it.
   using ObjectReply = std::function<void(const Value& value)>;
   using EmptyReply = std::function<void()>;
+  // Nullopt: done; else the refusal to answer with.
+  using StatusReply = std::function<void(std::optional<ClientError> error)>;
 
   virtual ~VantorClientProtocol() = default;
 
@@ -43,7 +55,7 @@ class VantorClientProtocol {
   virtual void clientItemizedPurgeableSpace(const Value& info, DictionaryReply reply) = 0;
   virtual void clientPurge(const Value& info, DictionaryReply reply) = 0;
   virtual void clientCancelPurge(EmptyReply reply) = 0;
-  virtual void clientSetState(const Value& value, const Value& key, EmptyReply reply) = 0;
+  virtual void clientSetState(const Value& value, const Value& key, StatusReply reply) = 0;
   virtual void clientGetState(const Value& key, ObjectReply reply) = 0;
 };
 

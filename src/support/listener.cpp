@@ -5,7 +5,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <exception>
 #include <filesystem>
+#include <thread>
 #include <utility>
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -23,6 +26,12 @@ namespace {
 
 constexpr std::size_t kMaxCachedPeers = 4096;
 constexpr std::chrono::seconds kCredentialsTimeout{5};
+// Client calls that may be in progress (admitted, not yet answered) at once,
+// in total and from one sender. A call may hold a pool thread for minutes, so
+// these keep a flood of callers well below the pool's ordinary limit and leave
+// room for every other caller.
+constexpr std::size_t kMaxCallsInProgress = 512;
+constexpr std::size_t kMaxCallsPerSender = 64;
 
 std::atomic<VantorListener*> gResumedListener{nullptr};
 
@@ -34,10 +43,110 @@ std::optional<std::filesystem::path> executableOf(pid_t pid) {
   return path;
 }
 
-// Holds an sdbus::Result so a copyable reply block can carry it.
+// Counts the client calls in progress, in total and per sender. Shared with
+// the admissions it hands out, which may outlive the listener.
+class CallLimits : public std::enable_shared_from_this<CallLimits> {
+ public:
+  // Releases its place when answered or destroyed, whichever comes first.
+  class Admission {
+   public:
+    Admission(std::shared_ptr<CallLimits> limits, std::string sender)
+        : limits_(std::move(limits)), sender_(std::move(sender)) {}
+    ~Admission() { release(); }
+    Admission(const Admission&) = delete;
+    Admission& operator=(const Admission&) = delete;
+    void release() {
+      if (!released_.exchange(true))
+        limits_->leave(sender_);
+    }
+
+   private:
+    std::shared_ptr<CallLimits> limits_;
+    std::string sender_;
+    std::atomic<bool> released_{false};
+  };
+
+  // Admits a call from `sender`, or returns null with the reason when it would
+  // go over a limit.
+  std::unique_ptr<Admission> admit(const std::string& sender, std::string* reason) {
+    std::lock_guard lock(mutex_);
+    Sender& entry = senders_[sender];
+    const char* over = nullptr;
+    std::size_t limit = 0;
+    if (entry.inProgress >= kMaxCallsPerSender) {
+      over = "from this sender";
+      limit = kMaxCallsPerSender;
+    } else if (total_ >= kMaxCallsInProgress) {
+      over = "in total";
+      limit = kMaxCallsInProgress;
+    }
+    if (over != nullptr) {
+      *reason = std::string("Too many calls in progress ") + over + " (limit " +
+                std::to_string(limit) + "); retry once earlier calls are answered";
+      // One line per episode, not one per refused call of a flood.
+      if (!entry.refusing) {
+        entry.refusing = true;
+        VANTOR_LOG(3, "%s refusing calls from %@: %@", "-[VantorListener dispatchCall]",
+                   sender.c_str(), reason->c_str());
+      }
+      if (entry.inProgress == 0)
+        senders_.erase(sender);
+      return nullptr;
+    }
+    ++entry.inProgress;
+    ++total_;
+    return std::make_unique<Admission>(shared_from_this(), sender);
+  }
+
+ private:
+  struct Sender {
+    std::size_t inProgress = 0;
+    bool refusing = false;
+  };
+
+  void leave(const std::string& sender) {
+    std::lock_guard lock(mutex_);
+    --total_;
+    auto it = senders_.find(sender);
+    if (it != senders_.end() && --it->second.inProgress == 0)
+      senders_.erase(it);
+  }
+
+  std::mutex mutex_;
+  std::size_t total_ = 0;
+  std::unordered_map<std::string, Sender> senders_;
+};
+
+// A client call in progress: its reply handle and its place in the limits.
+// Shared, so copyable reply blocks can carry it.
 template <typename R>
-std::shared_ptr<R> share(R&& result) {
-  return std::make_shared<R>(std::move(result));
+struct PendingCall {
+  R result;
+  std::unique_ptr<CallLimits::Admission> admission;
+};
+
+// Sends a reply built by `send`. A reply that cannot be built or sent (the
+// caller has left, the connection dropped, a string is not valid UTF-8) is
+// logged, and the caller gets an error instead where that can still be sent.
+template <typename R, typename Send>
+void sendReply(const std::shared_ptr<PendingCall<R>>& call, Send&& send) {
+  try {
+    send(call->result);
+  } catch (const std::exception& e) {
+    VANTOR_LOG(3, "%s cannot send a reply: %s", "-[VantorListener sendReply]", e.what());
+    try {
+      call->result.returnError(sdbus::Error(dbus::kErrorFailed, "The reply could not be sent"));
+    } catch (const std::exception&) {
+      // The caller is gone for good; nothing else to tell.
+    }
+  }
+  call->admission->release();
+}
+
+template <typename R>
+void sendError(const std::shared_ptr<PendingCall<R>>& call, const std::string& name,
+               const std::string& message) {
+  sendReply(call, [&](R& result) { result.returnError(sdbus::Error(name, message)); });
 }
 
 VariantMap dictionaryReply(const Value& result) {
@@ -51,7 +160,8 @@ VariantMap dictionaryReply(const Value& result) {
 // The object exported on /com/tessaly/vantor. Its methods run on the bus
 // thread and do nothing but capture the call and hand it to the pool.
 class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor::Client_adaptor,
-                                                           com::tessaly::vantor::Notify_adaptor> {
+                                                           com::tessaly::vantor::Notify_adaptor,
+                                                           com::tessaly::vantor::Admin_adaptor> {
  public:
   ClientObject(sdbus::IConnection& connection, VantorListener& listener)
       : AdaptorInterfaces(connection, dbus::kObjectPath), listener_(listener) {
@@ -59,13 +169,28 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
   }
   ~ClientObject() { unregisterAdaptor(); }
 
+  using Admin_adaptor::emitPurgeFinished;
+  using Notify_adaptor::emitLowSpace;
   using Notify_adaptor::emitPosted;
 
  private:
+  // Runs on the bus thread: refuses a call over the limits at once, with no
+  // pool thread spent on it, and hands every other call to the pool.
   template <typename R>
-  void dispatchCall(R&& result, std::function<void(std::shared_ptr<R>)> body) {
+  void dispatchCall(R&& result, std::function<void(std::shared_ptr<PendingCall<R>>)> body) {
     std::string sender = getObject().getCurrentlyProcessedMessage()->getSender();
-    auto shared = share(std::move(result));
+    std::string reason;
+    auto admission = limits_->admit(sender, &reason);
+    if (!admission) {
+      try {
+        result.returnError(sdbus::Error(kErrorLimitsExceeded, reason));
+      } catch (const std::exception& e) {
+        VANTOR_LOG(3, "%s cannot send a reply: %s", "-[VantorListener sendReply]", e.what());
+      }
+      return;
+    }
+    auto shared =
+        std::make_shared<PendingCall<R>>(PendingCall<R>{std::move(result), std::move(admission)});
     VantorListener* listener = &listener_;
     dispatch::globalAsync([listener, sender = std::move(sender), shared, body = std::move(body)] {
       listener->admit(
@@ -74,21 +199,18 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
             try {
               body(shared);
             } catch (const NotSupportedError& e) {
-              shared->returnError(sdbus::Error(dbus::kErrorNotSupported, e.what()));
+              sendError(shared, dbus::kErrorNotSupported, e.what());
             }
           },
-          [&] {
-            shared->returnError(
-                sdbus::Error(dbus::kErrorAccessDenied, "Connection is not entitled"));
-          });
+          [&] { sendError(shared, dbus::kErrorAccessDenied, "Connection is not entitled"); });
     });
   }
 
   template <typename R>
-  static bool convertArgs(const std::shared_ptr<R>& result, const std::string& error) {
+  static bool convertArgs(const std::shared_ptr<PendingCall<R>>& call, const std::string& error) {
     if (error.empty())
       return true;
-    result->returnError(sdbus::Error(dbus::kErrorInvalidArgs, error));
+    sendError(call, dbus::kErrorInvalidArgs, error);
     return false;
   }
 
@@ -104,11 +226,11 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
             return;
           ServiceEndpoint ep{std::get<0>(endpoint), std::get<1>(endpoint)};
           listener_.exported().clientCheckin(
-              serviceId, ep, infoValue, [reply](Value dict, std::optional<std::string> failure) {
+              serviceId, ep, infoValue, [reply](Value dict, std::optional<ClientError> failure) {
                 if (failure) {
-                  reply->returnError(sdbus::Error(dbus::kErrorFailed, *failure));
+                  sendError(reply, failure->name, failure->message);
                 } else {
-                  reply->returnResults(dictionaryReply(dict));
+                  sendReply(reply, [&](auto& r) { r.returnResults(dictionaryReply(dict)); });
                 }
               });
         });
@@ -123,8 +245,9 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
           Value infoValue(fromVariantMap(info, &error));
           if (!convertArgs(reply, error))
             return;
-          (listener_.exported().*method)(
-              infoValue, [reply](Value dict) { reply->returnResults(dictionaryReply(dict)); });
+          (listener_.exported().*method)(infoValue, [reply](Value dict) {
+            sendReply(reply, [&](auto& r) { r.returnResults(dictionaryReply(dict)); });
+          });
         });
   }
 
@@ -141,7 +264,8 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
 
   void ClientCancelPurge(sdbus::Result<>&& result) override {
     dispatchCall<sdbus::Result<>>(std::move(result), [this](auto reply) {
-      listener_.exported().clientCancelPurge([reply] { reply->returnResults(); });
+      listener_.exported().clientCancelPurge(
+          [reply] { sendReply(reply, [](auto& r) { r.returnResults(); }); });
     });
   }
 
@@ -149,27 +273,83 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
     dispatchCall<sdbus::Result<>>(
         std::move(result), [this, value = std::move(value), key = std::move(key)](auto reply) {
           if (value.size() > 1) {
-            reply->returnError(
-                sdbus::Error(dbus::kErrorInvalidArgs, "value holds more than one element"));
+            sendError(reply, dbus::kErrorInvalidArgs, "value holds more than one element");
             return;
           }
           std::string error;
           Value v = fromOptionalVariant(value, &error);
           if (!convertArgs(reply, error))
             return;
-          listener_.exported().clientSetState(v, Value(key), [reply] { reply->returnResults(); });
+          listener_.exported().clientSetState(
+              v, Value(key), [reply](std::optional<ClientError> failure) {
+                if (failure) {
+                  sendError(reply, failure->name, failure->message);
+                } else {
+                  sendReply(reply, [](auto& r) { r.returnResults(); });
+                }
+              });
         });
   }
 
   void ClientGetState(sdbus::Result<VariantArray>&& result, std::string key) override {
     dispatchCall<sdbus::Result<VariantArray>>(
         std::move(result), [this, key = std::move(key)](auto reply) {
-          listener_.exported().clientGetState(
-              Value(key), [reply](const Value& v) { reply->returnResults(toOptionalVariant(v)); });
+          listener_.exported().clientGetState(Value(key), [reply](const Value& v) {
+            sendReply(reply, [&](auto& r) { r.returnResults(toOptionalVariant(v)); });
+          });
         });
   }
 
+  // --- administration: read-only, answered on the pool thread ------------
+  using NamedEntry = sdbus::Struct<std::string, VariantMap>;
+
+  // Runs `answer` with the coordinator's administration side; an exported
+  // object without one answers NotSupported.
+  template <typename R, typename Answer>
+  void adminCall(R&& result, Answer answer) {
+    dispatchCall<R>(std::move(result), [this, answer](auto reply) {
+      auto* admin = dynamic_cast<VantorAdminProtocol*>(&listener_.exported());
+      if (admin == nullptr)
+        throw NotSupportedError("Administration is not offered");
+      sendReply(reply, [&](auto& r) { r.returnResults(answer(*admin)); });
+    });
+  }
+
+  static std::vector<NamedEntry> namedEntries(const VantorAdminProtocol::NamedEntries& entries) {
+    std::vector<NamedEntry> out;
+    out.reserve(entries.size());
+    for (const auto& [name, fields] : entries)
+      out.emplace_back(name, toVariantMap(fields));
+    return out;
+  }
+
+  void ListServices(sdbus::Result<std::vector<NamedEntry>>&& result) override {
+    adminCall(std::move(result),
+              [](VantorAdminProtocol& admin) { return namedEntries(admin.adminListServices()); });
+  }
+  void GetVolumes(sdbus::Result<std::vector<NamedEntry>>&& result) override {
+    adminCall(std::move(result),
+              [](VantorAdminProtocol& admin) { return namedEntries(admin.adminGetVolumes()); });
+  }
+  void GetStatistics(sdbus::Result<std::map<std::string, VariantMap>>&& result) override {
+    adminCall(std::move(result), [](VantorAdminProtocol& admin) {
+      std::map<std::string, VariantMap> out;
+      for (const auto& [name, summary] : admin.adminGetStatistics())
+        out.emplace(name, dictionaryReply(summary));
+      return out;
+    });
+  }
+  void GetPurgeHistory(sdbus::Result<std::vector<VariantMap>>&& result) override {
+    adminCall(std::move(result), [](VantorAdminProtocol& admin) {
+      std::vector<VariantMap> out;
+      for (const auto& entry : admin.adminGetPurgeHistory())
+        out.push_back(dictionaryReply(entry));
+      return out;
+    });
+  }
+
   VantorListener& listener_;
+  std::shared_ptr<CallLimits> limits_ = std::make_shared<CallLimits>();
 };
 
 VantorListener::VantorListener(std::shared_ptr<VantorClientProtocol> exported)
@@ -180,8 +360,12 @@ VantorListener::~VantorListener() {
   if (gResumedListener.compare_exchange_strong(self, nullptr))
     setServiceBus(nullptr, nullptr);
   object_.reset();
-  if (connection_)
+  if (connection_) {
+    leaving_ = true;
     connection_->leaveEventLoop();
+  }
+  if (eventLoop_.joinable())
+    eventLoop_.join();
 }
 
 std::unique_ptr<VantorListener> VantorListener::daemonListenerWithExportedObject(
@@ -198,18 +382,46 @@ bool VantorListener::resume(std::string* error) {
     connection_ = dbus::openSystemBus();
     object_ = std::make_unique<ClientObject>(*connection_, *this);
     connection_->requestName(dbus::kBusName);
-    connection_->enterEventLoopAsync();
+    startEventLoop();
     busDaemon_ = std::make_unique<dbus::BusDaemon>(*connection_);
     setServiceBus(connection_.get(), busDaemon_.get());
   } catch (const sdbus::Error& e) {
     if (error)
       *error = e.getName() + ": " + e.getMessage();
     object_.reset();
+    if (eventLoop_.joinable()) {
+      leaving_ = true;
+      connection_->leaveEventLoop();
+      eventLoop_.join();
+    }
     connection_.reset();
     return false;
   }
   gResumedListener.store(this);
   return true;
+}
+
+// The bus thread. Without its connection the daemon serves nobody and
+// cannot get it back by itself (its name, its service connections and its
+// callers' identities belong to the old one), so when the loop ends other than
+// by `leaveEventLoop` the process exits with status 1 and the service manager
+// starts it afresh.
+void VantorListener::startEventLoop() {
+  sdbus::IConnection* connection = connection_.get();
+  eventLoop_ = std::thread([this, connection] {
+    std::string why = "the connection was closed";
+    try {
+      connection->enterEventLoop();
+    } catch (const std::exception& e) {
+      why = e.what();
+    }
+    if (leaving_)
+      return;
+    VANTOR_LOG(3, "%s lost the bus connection: %s", "-[VantorListener resume]", why.c_str());
+    std::fprintf(stderr, "vantord: lost the system bus connection (%s); exiting\n", why.c_str());
+    std::fflush(stderr);
+    ::_exit(1);
+  });
 }
 
 int VantorListener::postNotification(const std::string& name) {
@@ -219,6 +431,35 @@ int VantorListener::postNotification(const std::string& name) {
   }
   try {
     object_->emitPosted(name);
+  } catch (const sdbus::Error&) {
+    errno = EIO;
+    return -1;
+  }
+  return 0;
+}
+
+int VantorListener::postLowSpace(const std::string& volume, std::uint64_t available,
+                                 std::uint64_t threshold, bool veryLow) {
+  if (!object_) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  try {
+    object_->emitLowSpace(volume, available, threshold, veryLow);
+  } catch (const sdbus::Error&) {
+    errno = EIO;
+    return -1;
+  }
+  return 0;
+}
+
+int VantorListener::postPurgeFinished(const Value::Dictionary& purge) {
+  if (!object_) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  try {
+    object_->emitPurgeFinished(toVariantMap(purge));
   } catch (const sdbus::Error&) {
     errno = EIO;
     return -1;
@@ -273,10 +514,30 @@ int notifyPost(const std::string& name) {
     errno = ENOTCONN;
     return -1;
   }
-  int status = listener->postNotification(name);
-  if (status == 0)
-    sd_notify(0, "READY=1");
-  return status;
+  return listener->postNotification(name);
+}
+
+void notifyReady() {
+  sd_notify(0, "READY=1");
+}
+
+int notifyLowSpace(const std::string& volume, std::uint64_t available, std::uint64_t threshold,
+                   bool veryLow) {
+  VantorListener* listener = gResumedListener.load();
+  if (listener == nullptr) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  return listener->postLowSpace(volume, available, threshold, veryLow);
+}
+
+int notifyPurgeFinished(const Value::Dictionary& purge) {
+  VantorListener* listener = gResumedListener.load();
+  if (listener == nullptr) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  return listener->postPurgeFinished(purge);
 }
 
 }  // namespace vantor

@@ -1,13 +1,18 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include <sdbus-c++/IConnection.h>
 
+#include "platform/values/value.h"
+#include "support/admin_protocol.h"
 #include "support/client_connection.h"
 #include "support/client_protocol.h"
 
@@ -24,7 +29,12 @@ class ClientObject;
 // current connection, and only then does the exported object's method run. A
 // caller lacking a required entitlement gets
 // org.freedesktop.DBus.Error.AccessDenied and the exported object never sees
-// the call.
+// the call. Calls in progress are limited in total and per sender; a call over
+// a limit is answered org.freedesktop.DBus.Error.LimitsExceeded on the bus
+// thread. The administration interface is served on the same object when the
+// exported object also implements VantorAdminProtocol. A reply that cannot be
+// sent is logged and never ends the process; losing the bus connection does:
+// it exits with status 1.
 class VantorListener {
  public:
   static std::unique_ptr<VantorListener> daemonListenerWithExportedObject(
@@ -42,6 +52,14 @@ class VantorListener {
   // the listener is not connected or the signal could not be sent.
   int postNotification(const std::string& name);
 
+  // Emits the LowSpace signal. Returns as postNotification does.
+  int postLowSpace(const std::string& volume, std::uint64_t available, std::uint64_t threshold,
+                   bool veryLow);
+
+  // Emits the PurgeFinished signal with `purge`. Returns as postNotification
+  // does.
+  int postPurgeFinished(const Value::Dictionary& purge);
+
   // The bus connection, once resumed; null before.
   sdbus::IConnection* connection() const { return connection_.get(); }
 
@@ -56,20 +74,35 @@ class VantorListener {
  private:
   explicit VantorListener(std::shared_ptr<VantorClientProtocol> exported);
   std::shared_ptr<const ClientConnection> connectionFor(const std::string& sender);
+  void startEventLoop();
 
   std::shared_ptr<VantorClientProtocol> exported_;
   std::set<std::string> required_;
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<dbus::BusDaemon> busDaemon_;
   std::unique_ptr<ClientObject> object_;
+  std::thread eventLoop_;
+  std::atomic<bool> leaving_{false};
 
   std::mutex cacheMutex_;
   std::unordered_map<std::string, std::shared_ptr<const ClientConnection>> cache_;
 };
 
-// Emits the Posted signal through the listener that was resumed last, and
-// tells systemd the daemon is ready when NOTIFY_SOCKET is set. Returns 0, or
-// -1 with errno set when no listener is connected.
+// Emits the Posted signal through the listener that was resumed last. Returns
+// 0, or -1 with errno set when no listener is connected or the signal could
+// not be sent.
 int notifyPost(const std::string& name);
+
+// Tells the service manager the daemon is ready (when NOTIFY_SOCKET is set).
+void notifyReady();
+
+// Emits the LowSpace signal (a volume entered low or very low space) through
+// the listener that was resumed last. Returns 0, or -1 with errno set.
+int notifyLowSpace(const std::string& volume, std::uint64_t available, std::uint64_t threshold,
+                   bool veryLow);
+
+// Emits the PurgeFinished signal through the listener that was resumed last.
+// Returns 0, or -1 with errno set.
+int notifyPurgeFinished(const Value::Dictionary& purge);
 
 }  // namespace vantor

@@ -48,7 +48,7 @@ std::optional<ServiceEndpoint> reach(const VTService& service) {
 void connect(const std::shared_ptr<VTService>& service,
              const ServiceConnectionHandler& connectionHandler,
              const std::shared_ptr<CallState>& state) {
-  auto endpoint = reach(*service);
+  auto endpoint = service ? reach(*service) : std::nullopt;
   sdbus::IConnection* bus = serviceBus();
   if (!endpoint || bus == nullptr) {
     state->invalidate();
@@ -56,10 +56,17 @@ void connect(const std::shared_ptr<VTService>& service,
   }
   auto proxy =
       makeServiceProxy(*bus, *endpoint, [state](const std::string&) { state->invalidate(); });
-  // The finish handle owns the proxy; calling it releases the proxy and with
-  // it the call's bus resources.
+  // The finish handle owns the proxy: calling it ends the call's connection,
+  // releasing the proxy and its bus resources, and an ended connection
+  // reports its end through the invalidation handler, as any ended
+  // connection does. The caller calls it once it has handled the reply, so
+  // the handler runs after that handling and before the reply handler goes
+  // on, and only once, whichever end comes first.
   auto holder = std::make_shared<std::shared_ptr<VantorServiceProxy>>(proxy);
-  connectionHandler(std::move(proxy), [holder] { holder->reset(); });
+  connectionHandler(std::move(proxy), [holder, state] {
+    holder->reset();
+    state->invalidate();
+  });
 }
 
 }  // namespace

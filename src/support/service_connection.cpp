@@ -6,6 +6,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "platform/dispatch/global_pool.h"
+#include "platform/dispatch/queue.h"
 #include "platform/values/dbus_value.h"
 
 namespace vantor {
@@ -17,6 +18,18 @@ namespace {
 // own limit on pending replies applies.
 constexpr std::uint64_t kNoTimeout = std::numeric_limits<std::uint64_t>::max();
 constexpr std::chrono::seconds kBusAnswerTimeout{10};
+
+// Services' replies and call failures are handled one at a time, in the
+// order they arrive, on one serial queue of their own. Every handler only
+// does bookkeeping and hands longer work on, so one queue keeps up; and the
+// counters that a purge's replies change by a read and a separate write are
+// then never changed by two replies at once, which would lose one of the
+// changes and leave a level waiting out its full time.
+dispatch::SerialQueue& replyQueue() {
+  static dispatch::QueuePtr* const queue =
+      new dispatch::QueuePtr(dispatch::SerialQueue::create("com.tessaly.vantor.service-replies"));
+  return **queue;
+}
 
 std::atomic<sdbus::IConnection*> gServiceBus{nullptr};
 std::atomic<dbus::BusDaemon*> gServiceBusDaemon{nullptr};
@@ -78,18 +91,18 @@ class DBusServiceProxy final : public VantorServiceProxy {
     return {};
   }
 
-  // Runs `onReply` or the error handler on the pool.
+  // Runs `onReply` or the error handler on the reply queue.
   static void deliver(const ErrorHandler& onError, const sdbus::Error* error,
                       std::function<void()> onReply) {
     if (error != nullptr) {
       std::string text = error->getName() + ": " + error->getMessage();
-      dispatch::globalAsync([onError, text] {
+      replyQueue().async([onError, text] {
         if (*onError)
           (*onError)(text);
       });
       return;
     }
-    dispatch::globalAsync(std::move(onReply));
+    replyQueue().async(std::move(onReply));
   }
 
   template <typename Callback>
@@ -105,7 +118,7 @@ class DBusServiceProxy final : public VantorServiceProxy {
     } catch (const sdbus::Error& e) {
       std::string text = e.getName() + ": " + e.getMessage();
       auto onError = errorHandler_;
-      dispatch::globalAsync([onError, text] {
+      replyQueue().async([onError, text] {
         if (*onError)
           (*onError)(text);
       });

@@ -58,6 +58,11 @@ class VTService {
     endpoint_ = std::move(endpoint);
   }
 
+  // The unique bus name of the caller that checked the service in; empty for
+  // descriptor services. Set once, before the record is filed.
+  const std::string& checkedInBy() const { return checkedInBy_; }
+  void setCheckedInBy(std::string sender) { checkedInBy_ = std::move(sender); }
+
   // The connection to a checked-in service; null for descriptor services.
   std::shared_ptr<ServiceConnection> xpcConn() const {
     std::lock_guard lock(mutex_);
@@ -77,6 +82,7 @@ class VTService {
   Value desiredNotifications_;
   std::optional<ServiceEndpoint> endpoint_;
   std::shared_ptr<ServiceConnection> xpcConn_;
+  std::string checkedInBy_;
 };
 
 }  // namespace vantor

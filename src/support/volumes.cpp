@@ -13,6 +13,8 @@
 #include <set>
 #include <utility>
 
+#include "support/low_space.h"
+
 namespace vantor {
 
 namespace {
@@ -219,14 +221,15 @@ std::uint64_t volumeSize(const std::string& volume) {
 }
 
 std::vector<std::string> lowSpaceVolumes() {
-  // Low: less than 5% of the volume, capped at 2 GiB, is free.
-  constexpr std::uint64_t kCap = 2ULL << 30;
+  // The monitor's thresholds, applied now and without its hysteresis: a
+  // volume that is low or very low at this moment.
+  const LowSpaceSettings settings = LowSpaceSettings::fromEnvironment();
   std::vector<std::string> low;
   for (const auto& volume : getLocalVolumes()) {
-    std::uint64_t size = volumeSize(volume);
-    if (size == 0)
+    auto space = volumeSpace(volume);
+    if (!space || space->size == 0)
       continue;
-    if (volumeFreespace(volume) < std::min(size / 20, kCap))
+    if (lowSpaceFlags(space->available, thresholdsFor(space->size, settings)) != 0)
       low.push_back(volume);
   }
   return low;

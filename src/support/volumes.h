@@ -47,7 +47,7 @@ std::uint64_t volumeFreespace(const std::string& volume);
 // Total bytes of `volume`; 0 when it cannot be read.
 std::uint64_t volumeSize(const std::string& volume);
 
-// Local volumes whose free space is below the low-space threshold now.
+// Local volumes that are low or very low on space now (support/low_space.h).
 std::vector<std::string> lowSpaceVolumes();
 
 // Bytes reclaimed on the volume of a purge's working dictionary since the

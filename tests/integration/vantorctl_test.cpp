@@ -5,11 +5,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -55,8 +54,7 @@ Outcome runVantorctl(const std::vector<std::string>& args,
     outcome.exitCode = WEXITSTATUS(*status);
   for (const auto& line : child.lines())
     outcome.out += line + "\n";
-  std::ifstream err(errFile);
-  outcome.err.assign(std::istreambuf_iterator<char>(err), {});
+  outcome.err = readText(errFile);
   return outcome;
 }
 
@@ -73,8 +71,7 @@ nlohmann::json parseJson(const std::string& text) {
 
 TEST(VantorctlState, StoresTypedValuesReadsThemBackAndRemovesThem) {
   TestContext ctx;
-  ctx.grantUser("me.plist", ::getuid(), {"CLIENT_ENTITLEMENT"});
-  ASSERT_TRUE(ctx.startDaemon());
+  ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT"}));
 
   const std::string awkward = "say \"hi\"\n\tback\\slash \x01 and caf\xc3\xa9";
   const struct {
@@ -135,7 +132,14 @@ TEST(VantorctlArguments, BadOnesExitWith2AndTheUsageBeforeAnythingIsSent) {
       {"state", "set", "--type", "colour", "KEY", "red"},
       {"state", "get", "KEY", "--urgency", "2"},
       {"state", "unset", "KEY", "--type", "string"},
-  };
+      {"purge"},
+      {"purge", "12Q"},
+      {"purge", "1.5XB"},
+      {"purge", "99999999999T"},
+      {"purge", "1G", "/", "/home"},
+      {"purge", "--timeout", "soon", "1G"},
+      {"purge", "--itemized", "1G"},
+      {"cancel", "now"}};
   for (const auto& args : bad) {
     std::vector<std::string> withBus{"--bus", "unix:path=/nonexistent/vantor-test-bus"};
     withBus.insert(withBus.end(), args.begin(), args.end());
@@ -152,6 +156,7 @@ TEST(VantorctlArguments, BadOnesExitWith2AndTheUsageBeforeAnythingIsSent) {
   EXPECT_NE(help.out.find("Exit status:"), std::string::npos) << help;
   EXPECT_NE(runVantorctl({"purgeable", "--help"}).out.find("--urgency-limit N"), std::string::npos);
   EXPECT_NE(runVantorctl({"help", "state"}).out.find("--type TYPE"), std::string::npos);
+  EXPECT_NE(runVantorctl({"purge", "--help"}).out.find("--timeout SECONDS"), std::string::npos);
 }
 
 TEST(VantorctlFailures, NoDaemonExitsWith3) {
@@ -174,37 +179,33 @@ TEST(VantorctlFailures, NoDaemonExitsWith3) {
   EXPECT_NE(noBus.err.find("cannot connect"), std::string::npos) << noBus;
 }
 
-TEST(VantorctlFailures, MissingEntitlementsExitWith4) {
+TEST(VantorctlFailures, MissingEntitlementsExitWith4NamingWhatIsMissing) {
   TestContext ctx;
   ctx.grantUser("me.plist", ::getuid(), {"SERVICE_ENTITLEMENT"});  // no CLIENT_ENTITLEMENT
   ASSERT_TRUE(ctx.startDaemon());
-  for (const auto& args :
-       std::vector<std::vector<std::string>>{{"state", "get", "KEY"}, {"purgeable"}}) {
-    const Outcome o = runOn(ctx, args);
-    EXPECT_EQ(o.exitCode, 4) << o;
-    EXPECT_NE(o.err.find("not entitled"), std::string::npos) << o;
-  }
-}
+  using Refusals = std::vector<std::pair<std::vector<std::string>, std::string>>;
+  const auto expectRefused = [&](const Refusals& refused) {
+    for (const auto& [args, missing] : refused) {
+      const Outcome o = runOn(ctx, args);
+      EXPECT_EQ(o.exitCode, 4) << o;
+      EXPECT_NE(o.err.find(missing), std::string::npos) << o;
+    }
+  };
+  expectRefused({{{"state", "get", "KEY"}, "not entitled"}, {{"purgeable"}, "not entitled"}});
 
-TEST(VantorctlPurgeable, EachCallNeedsItsOwnEntitlement) {
-  TestContext ctx;
-  ctx.grantUser("me.plist", ::getuid(), {"CLIENT_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT"});
-  ASSERT_TRUE(ctx.startDaemon());
-
-  const Outcome plain = runOn(ctx, {"purgeable"});
-  EXPECT_EQ(plain.exitCode, 4) << plain;
-  EXPECT_NE(plain.err.find("PURGEABLE_ENTITLEMENT"), std::string::npos) << plain;
+  // Each call needs its own entitlement besides.
+  ASSERT_TRUE(ctx.stopDaemon());
+  ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT"}));
+  expectRefused({{{"purgeable"}, "PURGEABLE_ENTITLEMENT"}, {{"purge", "1M"}, "PURGE_ENTITLEMENT"}});
   const Outcome itemized = runOn(ctx, {"purgeable", "--itemized"});
   EXPECT_EQ(itemized.exitCode, 0) << itemized;
 }
 
 TEST(VantorctlPurgeable, ShowsEachServiceTheTotalAndTheVolume) {
   TestContext ctx;
-  ctx.grantUser("me.plist", ::getuid(),
-                {"CLIENT_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "SERVICE_ENTITLEMENT"});
-  ASSERT_TRUE(ctx.startDaemon());
-  auto service = ctx.startService({"--id", "com.example.a", "--checkin", "--amount", "1048576"});
-  ASSERT_TRUE(service->waitForLine("checked-in", seconds(10))) << ctx.daemonLog();
+  ASSERT_TRUE(ctx.startDaemonGranting(
+      {"CLIENT_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "SERVICE_ENTITLEMENT"}));
+  auto service = checkedInService(ctx, "com.example.a", {"--amount", "1048576"});
 
   // A path stands for the volume holding it (/usr/bin is on / here); the
   // urgency reaches the service.
@@ -221,24 +222,132 @@ TEST(VantorctlPurgeable, ShowsEachServiceTheTotalAndTheVolume) {
 
   const Outcome human = runOn(ctx, {"purgeable"});
   ASSERT_EQ(human.exitCode, 0) << human;
-  std::istringstream lines(human.out);
-  std::vector<std::string> got;
-  for (std::string line; std::getline(lines, line);)
-    got.push_back(line);
-  ASSERT_EQ(got.size(), 3u) << human;
-  EXPECT_EQ(got[0], "com.example.a  1.0 MiB");
-  EXPECT_EQ(got[1], "Total          1.0 MiB");
-  EXPECT_EQ(got[2], "Volume         /");
+  EXPECT_EQ(human.out, "com.example.a  1.0 MiB\nTotal          1.0 MiB\nVolume         /\n");
+
+  // A volume the daemon refuses exits with 1.
+  const Outcome refused = runOn(ctx, {"purgeable", "/nonexistent-volume"});
+  EXPECT_EQ(refused.exitCode, 1) << refused;
+  EXPECT_NE(refused.err.find("Parameter error"), std::string::npos) << refused;
+  EXPECT_EQ(refused.out, "");
 }
 
-TEST(VantorctlPurgeable, AVolumeThatDoesNotExistIsRefusedByTheDaemonWith1) {
+TEST(VantorctlPurge, FreesWhatWasAskedOrSaysItFellShortAndCancels) {
   TestContext ctx;
-  ctx.grantUser("me.plist", ::getuid(), {"CLIENT_ENTITLEMENT", "PURGEABLE_ENTITLEMENT"});
-  ASSERT_TRUE(ctx.startDaemon());
-  const Outcome o = runOn(ctx, {"purgeable", "/nonexistent-volume"});
-  EXPECT_EQ(o.exitCode, 1) << o;
-  EXPECT_NE(o.err.find("Parameter error"), std::string::npos) << o;
-  EXPECT_EQ(o.out, "");
+  ASSERT_TRUE(
+      ctx.startDaemonGranting({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGE_ENTITLEMENT"}));
+  const auto dir = ctx.root() / "cache";
+  std::filesystem::create_directories(dir);
+  for (int i = 0; i < 6; ++i)
+    std::ofstream(dir / ("f" + std::to_string(i)), std::ios::binary) << std::string(4 << 20, 'x');
+  auto service = checkedInService(ctx, "com.example.cache", {"--files", dir.string()});
+
+  const Outcome human = runOn(ctx, {"purge", "6M"});
+  ASSERT_EQ(human.exitCode, 0) << human;
+  for (const char* line : {"Asked               6.0 MiB\n", "Reported freed      8.0 MiB\n",
+                           "Services finished   yes\n"})
+    EXPECT_NE(human.out.find(line), std::string::npos) << human;
+  EXPECT_EQ(human.err, "") << "no progress line when stderr is not a terminal";
+
+  // 16 MiB are left: asking for far more runs every level and falls short.
+  const Outcome json = runOn(ctx, {"--json", "purge", "--timeout", "1", "1T", "/usr"});
+  EXPECT_EQ(json.exitCode, 6) << json;
+  const auto result = parseJson(json.out);
+  ASSERT_TRUE(result.is_object()) << json;
+  EXPECT_EQ(result["VANTOR_AMOUNT_REPORTED"], 16 << 20);
+  EXPECT_EQ(result["VANTOR_VOLUME"], "/");
+  EXPECT_EQ(result["VANTOR_PURGE_TIMEOUT"], 1);
+  EXPECT_LT(result["VANTOR_AMOUNT"].get<std::uint64_t>(), 1ULL << 40);
+  EXPECT_TRUE(std::filesystem::is_empty(dir));
+
+  const Outcome cancel = runOn(ctx, {"cancel"});
+  EXPECT_EQ(cancel.exitCode, 0) << cancel;
+  EXPECT_EQ(cancel.out, "Cancel sent.\n");
+}
+
+TEST(VantorctlAdmin, ShowsServicesHistoryAndStatisticsAsTablesJsonAndPrometheus) {
+  TestContext ctx;
+  ASSERT_TRUE(
+      ctx.startDaemonGranting({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGE_ENTITLEMENT"},
+                              {{"VANTOR_LOWDISK_BYTES", "2"}}));
+  auto service = checkedInService(ctx, "com.example.a", {"--amount", "1048576"});
+
+  // status shows the daemon's thresholds, which come from its environment.
+  const auto status = parseJson(runOn(ctx, {"--json", "status"}).out);
+  EXPECT_EQ(status["source"], "vantord") << status;
+  ASSERT_FALSE(status["volumes"].empty()) << status;
+  EXPECT_EQ(status["volumes"][0]["lowThreshold"], 2) << status;
+
+  // Nothing is deleted, so the purge falls short (6) but is recorded.
+  EXPECT_EQ(runOn(ctx, {"purge", "--urgency", "1", "4M"}).exitCode, 6);
+
+  const Outcome services = runOn(ctx, {"services"});
+  ASSERT_EQ(services.exitCode, 0) << services;
+  EXPECT_EQ(services.out.rfind("SERVICE ", 0), 0u) << services;
+  EXPECT_NE(services.out.find("\ncom.example.a  checkin :"), std::string::npos) << services;
+  const auto servicesJson = parseJson(runOn(ctx, {"--json", "services"}).out);
+  EXPECT_EQ(servicesJson["com.example.a"]["origin"], "checkin") << servicesJson;
+  EXPECT_EQ(servicesJson["com.example.a"]["PURGE"], true) << servicesJson;
+
+  const auto history = parseJson(runOn(ctx, {"history", "--json"}).out);
+  ASSERT_TRUE(history.is_array() && history.size() == 1) << history;
+  EXPECT_EQ(history[0]["requestedBy"], "client");
+  EXPECT_EQ(history[0]["uid"], ::getuid());
+  EXPECT_EQ(std::filesystem::path(history[0]["executable"].get<std::string>()).filename(),
+            "vantorctl");
+  EXPECT_EQ(history[0]["asked"], 4 << 20);
+  EXPECT_EQ(history[0]["services"]["com.example.a"]["reported"], 1 << 20);
+  const Outcome historyText = runOn(ctx, {"history"});
+  EXPECT_NE(historyText.out.find("  com.example.a: asked 4.0 MiB, reported 1.0 MiB"),
+            std::string::npos)
+      << historyText;
+
+  const auto stats = parseJson(runOn(ctx, {"--json", "stats"}).out);
+  EXPECT_EQ(stats["com.tessaly.vantor/com.example.a.purged"]["sum"], 1 << 20) << stats;
+
+  // Every line is a comment or a sample of a declared family; the samples
+  // carry the same figures as the JSON.
+  const Outcome prometheus = runOn(ctx, {"stats", "--prometheus"});
+  ASSERT_EQ(prometheus.exitCode, 0) << prometheus;
+  const auto isMetricName = [](std::string_view name) {
+    return !name.empty() && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == name.npos;
+  };
+  std::set<std::string> declared;
+  std::map<std::string, double> samples;
+  std::istringstream lines(prometheus.out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("# TYPE ", 0) == 0) {
+      // "# TYPE <name> counter|gauge"
+      std::istringstream words(line.substr(7));
+      std::string name, type, rest;
+      words >> name >> type;
+      EXPECT_TRUE(isMetricName(name) && (type == "counter" || type == "gauge") && !(words >> rest))
+          << line;
+      declared.insert(name);
+    } else if (line.rfind("# HELP ", 0) != 0) {
+      // <name>{statistic="<escaped>"} <value>
+      const auto brace = line.find("{statistic=\"");
+      const auto close = line.rfind("\"} ");
+      ASSERT_TRUE(brace != std::string::npos && close != std::string::npos && close > brace)
+          << line;
+      const std::string name = line.substr(0, brace);
+      EXPECT_TRUE(isMetricName(name) && declared.count(name)) << line;
+      std::string label;
+      for (std::size_t i = brace + 12; i < close; ++i) {
+        if (line[i] == '\\' && i + 1 < close)
+          ++i;
+        else
+          EXPECT_NE(line[i], '"') << line;
+        label += line[i];
+      }
+      samples[name + "/" + label] = std::stod(line.substr(close + 3));
+    }
+  }
+  for (const auto& [name, figures] : stats.items()) {
+    EXPECT_EQ(samples["vantor_statistic_samples_total/" + name], figures["count"].get<double>())
+        << name;
+    EXPECT_EQ(samples["vantor_statistic_sum/" + name], figures["sum"].get<double>()) << name;
+  }
+  EXPECT_EQ(runOn(ctx, {"stats", "--json", "--prometheus"}).exitCode, 2);
 }
 
 }  // namespace

@@ -1,154 +1,92 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
-#include <condition_variable>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include "daemon/vantor.h"
 #include "platform/values/value.h"
+#include "testkit/daemon_harness.h"
 
 namespace vantor::test {
 
-// A temporary directory, removed with everything in it when destroyed.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::filesystem::path& path() const { return path_; }
+using testkit::callForError;
+using testkit::ChildProcess;
+using testkit::PrivateBus;
+using testkit::SignalWatch;
+using testkit::TempDir;
+using testkit::waitForText;
 
- private:
-  std::filesystem::path path_;
+// The daemon harness for one test: its failures fail the test, and a failed
+// test shows what the daemon and the services said.
+class TestContext : public testkit::DaemonHarness {
+ public:
+  ~TestContext() override;
+  // Grants the test's user `names` and starts the daemon.
+  bool startDaemonGranting(const std::vector<std::string>& names,
+                           const std::map<std::string, std::string>& extraEnv = {});
+
+ protected:
+  void reportFailure(const std::string& what) override;
 };
 
-// A child process. Destroying the handle kills the process if it still runs.
-class ChildProcess {
- public:
-  // Starts `argv` with the current environment plus `env`; its stderr goes
-  // to `logFile`, and so does its stdout unless `captureStdout` is set, in
-  // which case its lines are read with waitForLine.
-  ChildProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-               const std::filesystem::path& logFile, bool captureStdout = false);
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
+// A service on the raw bus rather than the example service: an object at the
+// service path on a connection of its own, answering the ping with `pong`.
+// Register any other methods on `object` before checkIn.
+struct RawService {
+  using Reply =
+      std::function<void(const sdbus::Error*, const std::map<std::string, sdbus::Variant>&)>;
+  static constexpr char kInterface[] = "com.tessaly.vantor.Service";
+  RawService(TestContext& ctx, std::function<void(sdbus::MethodCall)> pong);
+  // Finishes the object and checks in as `id` with `info`, asynchronously: a
+  // blocking call on the connection that serves the object would read the
+  // daemon's ping off the socket and leave it unanswered.
+  void checkIn(const std::string& id, const std::map<std::string, sdbus::Variant>& info,
+               Reply done = {});
 
-  pid_t pid() const { return pid_; }
-  void signal(int sig);
-  // Waits for the process to end; the wait status, or nullopt at the deadline.
-  std::optional<int> waitExit(std::chrono::milliseconds timeout);
-
-  // Waits for a line of captured stdout that starts with `prefix` and returns
-  // it; nullopt at the deadline. Lines read while waiting are kept.
-  std::optional<std::string> waitForLine(const std::string& prefix,
-                                         std::chrono::milliseconds timeout);
-  // Every captured line read so far.
-  const std::vector<std::string>& lines() const { return lines_; }
-  bool sawLineStartingWith(const std::string& prefix) const;
-
- private:
-  pid_t pid_ = -1;
-  int pidfd_ = -1;
-  int stdout_ = -1;
-  std::string pending_;
-  std::vector<std::string> lines_;
-  std::size_t scanned_ = 0;
-  std::optional<int> status_;
+  std::unique_ptr<sdbus::IConnection> connection;
+  std::unique_ptr<sdbus::IObject> object;
+  std::unique_ptr<sdbus::IProxy> daemon;  // kept: a pending check-in dies with its proxy
 };
 
-// A private dbus-daemon with the test configuration.
-class PrivateBus {
- public:
-  explicit PrivateBus(const std::filesystem::path& logFile);
-  const std::string& address() const { return address_; }
+// Calls a method of the client interface that takes and answers a
+// dictionary; throws sdbus::Error.
+Value::Dictionary callClient(sdbus::IConnection& client, const std::string& method,
+                             const Value::Dictionary& info);
+// Sets `key` of the client state (a null value removes it): the D-Bus error
+// name, or "" on success.
+std::string setState(sdbus::IConnection& client, const std::string& key, const Value& value);
+// The client state's value for `key`, null when it has none.
+Value getState(sdbus::IConnection& client, const std::string& key);
 
- private:
-  std::unique_ptr<ChildProcess> process_;
-  std::string address_;
-};
+// Asks for the client state of an arbitrary key: the D-Bus error name, or ""
+// when the daemon answers.
+std::string probeState(sdbus::IConnection& client);
 
-// Records the signals of interest on a client connection.
-class SignalWatch {
- public:
-  void record(const std::string& what);
-  // Waits until `what` has been recorded, at most `timeout`.
-  bool waitFor(const std::string& what, std::chrono::milliseconds timeout);
-  // Forgets what was seen, e.g. before restarting the daemon.
-  void clear();
+// Starts the example service as `id`, checking in, with `args` besides, and
+// waits until it has checked in; a failure shows the daemon's log.
+std::unique_ptr<ChildProcess> checkedInService(TestContext& ctx, const std::string& id,
+                                               const std::vector<std::string>& args = {});
 
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::vector<std::string> seen_;
-};
+// Polls `done` until it holds; false when `timeout` passes first.
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
-// A fresh temporary root (descriptor directory and entitlement policy), state
-// directory and private bus for one test, and the daemon started on them.
-class TestContext {
- public:
-  TestContext();
-  ~TestContext();
+// The whole contents of a text file, "" when it cannot be read.
+std::string readText(const std::filesystem::path& path);
 
-  const std::filesystem::path& root() const { return root_; }
-  const std::filesystem::path& stateDir() const { return stateDir_; }
-  std::filesystem::path descriptorDir() const { return root_ / "System/Library/Vantor"; }
-  std::filesystem::path policyDir() const { return root_ / "etc/vantor/entitlements.d"; }
-  const std::string& busAddress() const { return bus_->address(); }
-
-  void writeFile(const std::filesystem::path& path, const std::string& bytes);
-  void writeDescriptor(const std::string& name, const Value& descriptor);
-  // Writes a policy file granting `names` to the user `uid`.
-  void grantUser(const std::string& file, uid_t uid, const std::vector<std::string>& names);
-
-  // A new client connection to the private bus with its event loop running.
-  std::unique_ptr<sdbus::IConnection> connect();
-
-  // Starts vantord and waits until it owns its bus name. Fails the test (and
-  // returns false) when it does not within the deadline.
-  bool startDaemon(const std::map<std::string, std::string>& extraEnv = {});
-  ChildProcess& daemon() { return *daemon_; }
-  // Stops the daemon with SIGTERM and waits for it; false when it did not end.
-  bool stopDaemon();
-  std::string daemonLog() const;
-
-  // Waits until the daemon's log contains `text`.
-  bool waitForLog(const std::string& text, std::chrono::milliseconds timeout) const;
-
-  // Starts the example service with `args`, capturing its event lines.
-  std::unique_ptr<ChildProcess> startService(const std::vector<std::string>& args);
-
-  // Signals seen on the context's own connection: "Posted:<name>" and
-  // "NameOwnerChanged:<name>:<new owner>".
-  SignalWatch& signals() { return watch_; }
-  sdbus::IConnection& watcher() { return *watcher_; }
-
- private:
-  TempDir dir_;
-  std::filesystem::path root_;
-  std::filesystem::path stateDir_;
-  std::unique_ptr<PrivateBus> bus_;
-  std::unique_ptr<sdbus::IConnection> watcher_;
-  SignalWatch watch_;
-  std::unique_ptr<ChildProcess> daemon_;
-};
-
-// Calls `method` of the daemon's client interface and returns the D-Bus
-// error name it answered with, or "" on success.
-std::string callForError(sdbus::IConnection& connection, const std::string& method,
-                         const std::function<void(sdbus::MethodCall&)>& addArgs = {});
+// One "purge <urgency> {... "VANTOR_AMOUNT" = <bytes>; ...}" line of the
+// example service: the urgency and the bytes it was asked for, or nullopt
+// for any other line.
+std::optional<std::pair<int, std::uint64_t>> purgeRequestOf(const std::string& line);
 
 // The entries of a captured-log helper for unit tests: install with
 // LogCapture; every line written while it lives is recorded, formatted.

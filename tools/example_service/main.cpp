@@ -3,18 +3,24 @@
 //
 // It reports a fixed purgeable amount, purges what it is asked for up to that
 // amount, and prints one line on stdout for every event, so a script can
-// follow what the daemon asked.
+// follow what the daemon asked. Given a directory of its own (--files), it
+// really deletes files there when asked to purge, oldest first, and reports
+// the bytes it deleted.
 
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <sdbus-c++/Error.h>
 
@@ -40,8 +46,22 @@ constexpr char kUsage[] =
     "  --delay-ms MS      answer every request after MS milliseconds\n"
     "  --opt-out          add VANTOR_OPT_OUT to purgeable answers\n"
     "  --silent           never answer purgeable requests\n"
+    "  --silent-purge     never answer purge requests\n"
+    "  --files DIR        purge by deleting files in DIR, oldest first; the\n"
+    "                     purgeable amount is then what DIR holds\n"
+    "  --purge-step-ms MS wait MS milliseconds before each file a purge deletes\n"
+    "                     (a slow purge, for trying cancel)\n"
     "  --no-pong          never answer the liveness ping\n"
     "  --checkin-timeout-ms MS  give up on the check-in after MS milliseconds\n"
+    "  --checkin-ids N    check in N services from one connection: ID, ID.1, ...\n"
+    "\n"
+    "Misbehaviour, for trying how vantord copes:\n"
+    "  --exit-on WHAT     exit at once, unanswered, when asked WHAT: purgeable,\n"
+    "                     purge, periodic, ping or notify\n"
+    "  --answer-twice     answer purgeable and purge requests twice\n"
+    "  --text-amount      answer purgeable and purge with a string as the amount\n"
+    "  --huge-reply MIB   add MIB mebibytes of small entries to purgeable answers\n"
+    "  --deep-reply N     add N levels of nested dictionaries to purgeable answers\n"
     "  --help             this text\n";
 
 struct Options {
@@ -53,8 +73,17 @@ struct Options {
   long delayMs = 0;
   bool optOut = false;
   bool silent = false;
+  bool silentPurge = false;
+  std::string files;
+  long purgeStepMs = 0;
   bool noPong = false;
   long checkinTimeoutMs = 25000;
+  long checkinIds = 1;
+  std::string exitOn;
+  bool answerTwice = false;
+  bool textAmount = false;
+  long hugeReplyMiB = 0;
+  long deepReply = 0;
 };
 
 std::mutex gOutput;
@@ -71,35 +100,65 @@ class ExampleService final : public vantor::kit::Service {
 
   void purgeable(std::int32_t urgency, const vantor::Value& info, DictionaryReply reply) override {
     say("purgeable " + std::to_string(urgency) + " " + info.description());
+    exitIfAsked("purgeable");
     if (options_.silent)
       return;
-    vantor::Value::Dictionary answer{{"VANTOR_AMOUNT", vantor::Value(options_.amount)}};
+    const std::uint64_t amount = options_.files.empty() ? options_.amount : bytesHeld();
+    vantor::Value::Dictionary answer{{"VANTOR_AMOUNT", amountValue(amount)}};
     if (options_.optOut)
       answer.emplace("VANTOR_OPT_OUT", vantor::Value(true));
-    later([reply, answer] { reply(vantor::Value(answer)); });
+    if (options_.hugeReplyMiB > 0) {
+      // Entries of about 64 bytes each, keys and values together.
+      const long entries = options_.hugeReplyMiB * 16384;
+      for (long i = 0; i < entries; ++i)
+        answer.emplace("filler." + std::to_string(i), vantor::Value(std::string(48, 'x')));
+    }
+    if (options_.deepReply > 0) {
+      vantor::Value nested{vantor::Value::Dictionary{}};
+      for (long i = 0; i < options_.deepReply; ++i)
+        nested = vantor::Value(vantor::Value::Dictionary{{"NEST", std::move(nested)}});
+      answer.emplace("NEST", std::move(nested));
+    }
+    later([this, reply, answer = vantor::Value(std::move(answer))] { send(reply, answer); });
   }
 
   void purge(std::int32_t urgency, const vantor::Value& info, DictionaryReply reply) override {
     say("purge " + std::to_string(urgency) + " " + info.description());
+    exitIfAsked("purge");
+    if (options_.silentPurge)
+      return;
     const vantor::Value* asked = info.find("VANTOR_AMOUNT");
-    std::uint64_t amount = asked != nullptr ? asked->uint64Value() : 0;
-    amount = std::min(amount, options_.amount);
-    later([reply, amount] {
-      reply(vantor::Value(vantor::Value::Dictionary{{"VANTOR_AMOUNT", vantor::Value(amount)}}));
+    const std::uint64_t amount = asked != nullptr ? asked->uint64Value() : 0;
+    if (options_.files.empty()) {
+      const std::uint64_t purged = std::min(amount, options_.amount);
+      later([this, reply, purged] { answerPurged(reply, purged); });
+      return;
+    }
+    cancelled_.store(false);
+    vantor::dispatch::globalAsync([this, reply, amount] {
+      const std::uint64_t purged = deleteOldest(amount);
+      say("purged " + std::to_string(purged));
+      answerPurged(reply, purged);
     });
   }
 
   void periodic(std::int32_t urgency, const vantor::Value& info, DictionaryReply reply) override {
     say("periodic " + std::to_string(urgency) + " " + info.description());
+    exitIfAsked("periodic");
     later([reply] { reply(vantor::Value()); });
   }
 
-  void cancelPurge() override { say("cancel"); }
+  void cancelPurge() override {
+    cancelled_.store(true);
+    say("cancel");
+  }
   void notify(const vantor::Value& notification) override {
     say("notify " + notification.description());
+    exitIfAsked("notify");
   }
   void ping(std::function<void()> reply) override {
     say("ping");
+    exitIfAsked("ping");
     if (!options_.noPong)
       reply();
   }
@@ -118,7 +177,89 @@ class ExampleService final : public vantor::kit::Service {
     });
   }
 
+  void answerPurged(const DictionaryReply& reply, std::uint64_t purged) const {
+    send(reply, vantor::Value(vantor::Value::Dictionary{{"VANTOR_AMOUNT", amountValue(purged)}}));
+  }
+
+  vantor::Value amountValue(std::uint64_t amount) const {
+    return options_.textAmount ? vantor::Value(std::to_string(amount) + " bytes")
+                               : vantor::Value(amount);
+  }
+
+  // Sends `answer` (twice when told to). A reply the bus binding refuses to
+  // build, too deeply nested for instance, is reported instead of ending the
+  // service.
+  void send(const DictionaryReply& reply, const vantor::Value& answer) const {
+    for (int i = 0; i < (options_.answerTwice ? 2 : 1); ++i) {
+      try {
+        reply(answer);
+      } catch (const std::exception& e) {
+        say(std::string("reply-failed ") + e.what());
+        return;
+      }
+    }
+  }
+
+  void exitIfAsked(const std::string& what) const {
+    if (options_.exitOn == what) {
+      say("exiting");
+      std::_Exit(0);
+    }
+  }
+
+  struct File {
+    std::filesystem::file_time_type modified;
+    std::filesystem::path path;
+    std::uint64_t size;
+  };
+
+  std::vector<File> filesOldestFirst() const {
+    std::vector<File> files;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(options_.files, ec)) {
+      std::error_code entryError;
+      if (!entry.is_regular_file(entryError))
+        continue;
+      const auto size = entry.file_size(entryError);
+      const auto modified = entry.last_write_time(entryError);
+      if (!entryError)
+        files.push_back({modified, entry.path(), size});
+    }
+    std::sort(files.begin(), files.end(), [](const File& a, const File& b) {
+      return a.modified != b.modified ? a.modified < b.modified : a.path < b.path;
+    });
+    return files;
+  }
+
+  std::uint64_t bytesHeld() const {
+    std::uint64_t total = 0;
+    for (const auto& file : filesOldestFirst())
+      total += file.size;
+    return total;
+  }
+
+  // Deletes files, oldest first, until `amount` bytes are gone, a cancel
+  // comes, or nothing is left; answers the bytes deleted.
+  std::uint64_t deleteOldest(std::uint64_t amount) {
+    std::lock_guard lock(purging_);  // one purge at a time deletes
+    std::uint64_t purged = 0;
+    for (const auto& file : filesOldestFirst()) {
+      if (purged >= amount || cancelled_.load())
+        break;
+      if (options_.purgeStepMs > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(options_.purgeStepMs));
+      if (cancelled_.load())
+        break;
+      std::error_code ec;
+      if (std::filesystem::remove(file.path, ec))
+        purged += file.size;
+    }
+    return purged;
+  }
+
   const Options options_;
+  std::atomic<bool> cancelled_{false};
+  std::mutex purging_;
 };
 
 bool parse(int argc, char** argv, Options* options) {
@@ -157,6 +298,18 @@ bool parse(int argc, char** argv, Options* options) {
       options->optOut = true;
     } else if (arg == "--silent") {
       options->silent = true;
+    } else if (arg == "--silent-purge") {
+      options->silentPurge = true;
+    } else if (arg == "--files") {
+      const char* v = value();
+      if (v == nullptr)
+        return false;
+      options->files = v;
+    } else if (arg == "--purge-step-ms") {
+      const char* v = value();
+      if (v == nullptr)
+        return false;
+      options->purgeStepMs = std::strtol(v, nullptr, 10);
     } else if (arg == "--checkin-timeout-ms") {
       const char* v = value();
       if (v == nullptr)
@@ -164,6 +317,30 @@ bool parse(int argc, char** argv, Options* options) {
       options->checkinTimeoutMs = std::strtol(v, nullptr, 10);
     } else if (arg == "--no-pong") {
       options->noPong = true;
+    } else if (arg == "--checkin-ids") {
+      const char* v = value();
+      if (v == nullptr)
+        return false;
+      options->checkinIds = std::strtol(v, nullptr, 10);
+    } else if (arg == "--exit-on") {
+      const char* v = value();
+      if (v == nullptr)
+        return false;
+      options->exitOn = v;
+    } else if (arg == "--answer-twice") {
+      options->answerTwice = true;
+    } else if (arg == "--text-amount") {
+      options->textAmount = true;
+    } else if (arg == "--huge-reply") {
+      const char* v = value();
+      if (v == nullptr)
+        return false;
+      options->hugeReplyMiB = std::strtol(v, nullptr, 10);
+    } else if (arg == "--deep-reply") {
+      const char* v = value();
+      if (v == nullptr)
+        return false;
+      options->deepReply = std::strtol(v, nullptr, 10);
     } else {
       return false;
     }
@@ -197,10 +374,13 @@ int main(int argc, char** argv) {
     vantor::kit::ServiceHost host(
         service, options.ownName ? std::optional<std::string>(options.id) : std::nullopt);
     say("ready " + host.uniqueName());
-    if (options.checkin) {
+    for (long i = 0; options.checkin && i < options.checkinIds; ++i) {
+      vantor::kit::CheckinRequest request = options.request;
+      if (i > 0)
+        request.id += "." + std::to_string(i);
       try {
         say("checked-in " +
-            host.checkIn(options.request, std::chrono::milliseconds(options.checkinTimeoutMs))
+            host.checkIn(request, std::chrono::milliseconds(options.checkinTimeoutMs))
                 .description());
       } catch (const sdbus::Error& e) {
         say("checkin-failed " + e.getName());

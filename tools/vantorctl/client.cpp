@@ -65,6 +65,45 @@ DaemonClient::DaemonClient(const std::optional<std::string>& address) {
 
 DaemonClient::~DaemonClient() = default;
 
+namespace {
+
+void throwIfRefused(const Value::Dictionary& result) {
+  if (auto it = result.find("VANTOR_ERROR"); it != result.end()) {
+    throw Failure(ExitCode::kRefused, "vantord refused the request: " +
+                                          (it->second.isString() ? it->second.get<std::string>()
+                                                                 : it->second.description()));
+  }
+}
+
+}  // namespace
+
+Value::Dictionary DaemonClient::purge(const Value::Dictionary& info) {
+  VariantMap reply;
+  callOrFail("ClientPurge", [&] {
+    proxy_->callMethod("ClientPurge")
+        .onInterface(dbus::kClientInterface)
+        .withTimeout(kPurgeTimeout)
+        .withArguments(toVariantMap(info))
+        .storeResultsTo(reply);
+  });
+  if (reply.empty()) {
+    throw Failure(ExitCode::kNotEntitled,
+                  "not entitled to purge: the entitlement policy does not grant this user "
+                  "PURGE_ENTITLEMENT");
+  }
+  Value::Dictionary result = fromVariantMap(reply);
+  throwIfRefused(result);
+  return result;
+}
+
+void DaemonClient::cancelPurge() {
+  callOrFail("ClientCancelPurge", [&] {
+    proxy_->callMethod("ClientCancelPurge")
+        .onInterface(dbus::kClientInterface)
+        .withTimeout(kCallTimeout);
+  });
+}
+
 Value::Dictionary DaemonClient::purgeable(PurgeableView view, const Value::Dictionary& info) {
   const bool itemized = view == PurgeableView::kItemized;
   const std::string method = itemized ? "ClientItemizedPurgeableSpace" : "ClientPurgeableSpace";
@@ -86,11 +125,7 @@ Value::Dictionary DaemonClient::purgeable(PurgeableView view, const Value::Dicti
   }
   // Entries of types outside the value table are dropped; the rest is shown.
   Value::Dictionary result = fromVariantMap(reply);
-  if (auto it = result.find("VANTOR_ERROR"); it != result.end()) {
-    throw Failure(ExitCode::kRefused, "vantord refused the request: " +
-                                          (it->second.isString() ? it->second.get<std::string>()
-                                                                 : it->second.description()));
-  }
+  throwIfRefused(result);
   return result;
 }
 
@@ -117,6 +152,67 @@ void DaemonClient::setState(const std::string& key, const Value& value) {
         .withTimeout(kCallTimeout)
         .withArguments(toOptionalVariant(value), key);
   });
+}
+
+namespace {
+
+constexpr char kAdminInterface[] = "com.tessaly.vantor.Admin";
+
+}  // namespace
+
+namespace {
+
+// Calls an Admin method that answers a list of named dictionaries.
+DaemonClient::NamedEntries namedEntries(sdbus::IProxy& proxy, const char* method) {
+  std::vector<sdbus::Struct<std::string, VariantMap>> reply;
+  callOrFail(method, [&] {
+    proxy.callMethod(method)
+        .onInterface(kAdminInterface)
+        .withTimeout(DaemonClient::kCallTimeout)
+        .storeResultsTo(reply);
+  });
+  DaemonClient::NamedEntries entries;
+  for (const auto& entry : reply)
+    entries.emplace_back(std::get<0>(entry), fromVariantMap(std::get<1>(entry)));
+  return entries;
+}
+
+}  // namespace
+
+DaemonClient::NamedEntries DaemonClient::services() {
+  return namedEntries(*proxy_, "ListServices");
+}
+
+DaemonClient::NamedEntries DaemonClient::volumes() {
+  return namedEntries(*proxy_, "GetVolumes");
+}
+
+Value::Dictionary DaemonClient::statistics() {
+  std::map<std::string, VariantMap> reply;
+  callOrFail("GetStatistics", [&] {
+    proxy_->callMethod("GetStatistics")
+        .onInterface(kAdminInterface)
+        .withTimeout(kCallTimeout)
+        .storeResultsTo(reply);
+  });
+  Value::Dictionary statistics;
+  for (const auto& [name, summary] : reply)
+    statistics.emplace(name, Value(fromVariantMap(summary)));
+  return statistics;
+}
+
+Value::Array DaemonClient::purgeHistory() {
+  std::vector<VariantMap> reply;
+  callOrFail("GetPurgeHistory", [&] {
+    proxy_->callMethod("GetPurgeHistory")
+        .onInterface(kAdminInterface)
+        .withTimeout(kCallTimeout)
+        .storeResultsTo(reply);
+  });
+  Value::Array purges;
+  for (const auto& entry : reply)
+    purges.emplace_back(fromVariantMap(entry));
+  return purges;
 }
 
 }  // namespace vantor::ctl

@@ -4,48 +4,60 @@
 // and every outcome has its own exit status (see kMainHelp).
 
 #include <algorithm>
-#include <cctype>
-#include <charconv>
-#include <cmath>
-#include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "admin.h"
+#include "cli.h"
 #include "client.h"
+#include "format.h"
 #include "json.h"
+#include "purge.h"
+#include "status.h"
 #include "volume.h"
 
 namespace {
 
 using vantor::Value;
+using vantor::ctl::amountText;
+using vantor::ctl::CommandLine;
 using vantor::ctl::DaemonClient;
 using vantor::ctl::ExitCode;
 using vantor::ctl::Failure;
+using vantor::ctl::formatBytes;
 using vantor::ctl::PurgeableView;
+using vantor::ctl::UsageError;
 
 constexpr char kMainSynopsis[] =
     "usage: vantorctl [--bus ADDRESS] [--json] COMMAND [ARGUMENTS]\n"
-    "       commands: purgeable, state get, state set, state unset, help\n";
+    "       commands: purgeable, purge, cancel, state get, state set, state unset,\n"
+    "                 status, services, history, stats, help\n";
 
 constexpr char kMainHelp[] =
     "usage: vantorctl [--bus ADDRESS] [--json] COMMAND [ARGUMENTS]\n"
     "\n"
     "Talks to vantord, the daemon that coordinates reclaiming disk space: asks how\n"
-    "much space the services registered with it could free on a volume, and reads\n"
-    "and writes the small state it keeps for its clients.\n"
+    "much space the services registered with it could free on a volume, has them\n"
+    "free it, and reads and writes the small state it keeps for its clients.\n"
     "\n"
     "Commands:\n"
     "  purgeable [VOLUME]    how much space each service could free on VOLUME\n"
     "                        (default /); see 'vantorctl help purgeable'\n"
+    "  purge SIZE [VOLUME]   have the services free SIZE bytes on VOLUME\n"
+    "                        (default /); see 'vantorctl help purge'\n"
+    "  cancel                stop the purge under way\n"
     "  state get KEY         print the value stored under KEY\n"
     "  state set KEY VALUE   store VALUE under KEY (--type says how to read it)\n"
     "  state unset KEY       remove KEY; see 'vantorctl help state'\n"
+    "  status                the local volumes' free space against their low and\n"
+    "                        very-low thresholds, and whether vantord runs\n"
+    "  services              the services vantord knows and what they are doing\n"
+    "  history               the last purges: who asked, what each service freed\n"
+    "  stats [--prometheus]  vantord's statistics; see 'vantorctl help stats'\n"
     "  help [COMMAND]        this text, or the details of COMMAND\n"
     "\n"
     "Options, before or after the command:\n"
@@ -63,15 +75,18 @@ constexpr char kMainHelp[] =
     "  4  not entitled: vantord's entitlement policy does not grant this user\n"
     "     the call\n"
     "  5  any other D-Bus failure, including no answer within 60 seconds\n"
+    "     (130 seconds for purge)\n"
+    "  6  purge: the purge ran but freed less than was asked\n"
     "\n"
     "Every call needs CLIENT_ENTITLEMENT from the entitlement policy in\n"
     "/etc/vantor/entitlements.d; purgeable needs PURGEABLE_ENTITLEMENT as well\n"
-    "(ITEMIZED_PURGEABLE_ENTITLEMENT with --itemized).\n"
+    "(ITEMIZED_PURGEABLE_ENTITLEMENT with --itemized), purge PURGE_ENTITLEMENT.\n"
     "\n"
     "Examples:\n"
     "  vantorctl purgeable\n"
     "  vantorctl purgeable --urgency 4 /home\n"
     "  vantorctl --json purgeable --itemized\n"
+    "  vantorctl purge 2G /home\n"
     "  vantorctl state set --type boolean VANTOR_CACHE_ENABLED false\n";
 
 constexpr char kPurgeableSynopsis[] =
@@ -115,6 +130,52 @@ constexpr char kPurgeableHelp[] =
     "  vantorctl purgeable --urgency 4 ~/Downloads\n"
     "  vantorctl --json purgeable / | jq .VANTOR_TOTAL_AVAILABLE\n";
 
+constexpr char kPurgeSynopsis[] =
+    "usage: vantorctl [--bus ADDRESS] [--json] purge [--urgency N | --urgency-limit N]\n"
+    "                 [--timeout SECONDS] SIZE [VOLUME]\n"
+    "       vantorctl [--bus ADDRESS] cancel\n";
+
+constexpr char kPurgeHelp[] =
+    "usage: vantorctl [--bus ADDRESS] [--json] purge [--urgency N | --urgency-limit N]\n"
+    "                 [--timeout SECONDS] SIZE [VOLUME]\n"
+    "       vantorctl [--bus ADDRESS] cancel\n"
+    "\n"
+    "purge asks vantord to have its services free SIZE bytes on VOLUME and waits\n"
+    "for the outcome. vantord asks every service that purges for its share of what\n"
+    "is still missing, first at urgency 1 and then higher, until the amount is\n"
+    "freed or the last urgency has been tried, and measures the space really freed\n"
+    "on the volume. It answers within two minutes; services may go on after that.\n"
+    "\n"
+    "SIZE is a number of bytes, or a number with a binary suffix: 500M, 2G,\n"
+    "1.5GiB, 64KiB. VOLUME is a mount point or any existing path on the volume;\n"
+    "the default is /.\n"
+    "\n"
+    "The outcome shows what was asked, what was freed (measured on the volume),\n"
+    "what the services reported freeing, the free space before and after, and\n"
+    "whether services were still working when vantord answered. With --json it is\n"
+    "vantord's result as one object: \"VANTOR_AMOUNT\" (bytes freed),\n"
+    "\"VANTOR_AMOUNT_REPORTED\", \"VANTOR_FREESPACE_BEGIN\", \"VANTOR_FREESPACE_END\",\n"
+    "\"VANTOR_ASYNC_COMPLETE\" (present when every service had answered) and the\n"
+    "request's own keys. On a terminal a progress line shows while it waits.\n"
+    "\n"
+    "cancel stops the purge under way: vantord tells the services still working to\n"
+    "stop and tries no further urgency. Given while no purge runs, it makes the\n"
+    "next purge ask no service. It needs no entitlement beyond CLIENT_ENTITLEMENT.\n"
+    "\n"
+    "Options:\n"
+    "  --urgency N        try only urgency N (1 to 4)\n"
+    "  --urgency-limit N  go from urgency 1 up to N (default 3)\n"
+    "  --timeout SECONDS  how long vantord waits for the services at each urgency\n"
+    "                     (at most 300; default 2 seconds times the urgency)\n"
+    "\n"
+    "Exit status 0 when SIZE was freed, 6 when the purge ran but freed less;\n"
+    "purge needs PURGE_ENTITLEMENT (exit status 4 without it).\n"
+    "\n"
+    "Examples:\n"
+    "  vantorctl purge 500M\n"
+    "  vantorctl purge --urgency-limit 4 --timeout 30 2G /home\n"
+    "  vantorctl cancel\n";
+
 constexpr char kStateSynopsis[] =
     "usage: vantorctl [--bus ADDRESS] [--json] state get KEY\n"
     "       vantorctl [--bus ADDRESS] state set [--type TYPE] KEY VALUE\n"
@@ -148,169 +209,54 @@ constexpr char kStateHelp[] =
     "  vantorctl state get VANTOR_CACHE_ENABLED\n"
     "  vantorctl --json state get VANTOR_USER_DEFAULTS\n";
 
-// A bad command line: reported with the synopsis of the command at hand and
-// exit status 2, before anything is sent.
-struct UsageError {
-  std::string message;
-};
+constexpr char kAdminSynopsis[] =
+    "usage: vantorctl [--bus ADDRESS] [--json] services\n"
+    "       vantorctl [--bus ADDRESS] [--json] history\n"
+    "       vantorctl [--bus ADDRESS] [--json | --prometheus] stats\n";
 
-struct CommandLine {
-  std::optional<std::string> bus;
-  bool json = false;
-  bool help = false;
-  bool itemized = false;
-  std::optional<std::string> urgency;
-  std::optional<std::string> urgencyLimit;
-  std::optional<std::string> type;
-  std::set<std::string> optionsGiven;
-  std::vector<std::string> words;  // the command, its subcommand and operands
-};
+constexpr char kAdminHelp[] =
+    "usage: vantorctl [--bus ADDRESS] [--json] services\n"
+    "       vantorctl [--bus ADDRESS] [--json] history\n"
+    "       vantorctl [--bus ADDRESS] [--json | --prometheus] stats\n"
+    "\n"
+    "What vantord knows and did; each needs only CLIENT_ENTITLEMENT.\n"
+    "\n"
+    "  services  every service: what it does (PURGE, PERIODIC, DO_NOT_QUERY), the\n"
+    "            notifications it asked for, whether it came from a descriptor or\n"
+    "            checked in (and its bus name), the requests in flight to it\n"
+    "            (purgeable, purge, periodic) and since when it opted out of\n"
+    "            queries, if it did within the last two minutes\n"
+    "  history   the last 64 purges, newest first: when, who asked (a client's\n"
+    "            uid, pid and program, or \"low space\" for vantord's own), the\n"
+    "            volume, the bytes asked, freed and reported, the urgency levels\n"
+    "            worked, whether it was cancelled, and per service the share it\n"
+    "            was asked, what it reported and how long it took\n"
+    "  stats     every statistic vantord records: how many samples, their sum,\n"
+    "            smallest, largest and latest\n"
+    "\n"
+    "  --prometheus  print the statistics in the Prometheus text format, one\n"
+    "                family per figure with the statistic's name as the label\n"
+    "                \"statistic\", for the node exporter's textfile collector\n"
+    "\n"
+    "With --json, services is one object of service IDs to their fields,\n"
+    "history an array of purges and stats an object of names to figures; byte\n"
+    "amounts are bytes and times nanoseconds.\n"
+    "\n"
+    "Examples:\n"
+    "  vantorctl services\n"
+    "  vantorctl --json history | jq '.[0].services'\n"
+    "  vantorctl stats --prometheus > vantor.prom\n";
 
-// Options may stand anywhere; "--" ends them, so a key or value that starts
-// with "--" can follow it. Single-dash words other than -h are operands,
-// which keeps negative numbers usable as values.
-void parse(int argc, char** argv, CommandLine& line) {
-  bool operandsOnly = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (!operandsOnly && arg == "--") {
-      operandsOnly = true;
-      continue;
-    }
-    if (operandsOnly || (arg != "-h" && !arg.starts_with("--"))) {
-      line.words.push_back(arg);
-      continue;
-    }
-    if (arg == "-h") {
-      line.help = true;
-      continue;
-    }
-    const auto equals = arg.find('=');
-    const std::string name = arg.substr(0, equals);
-    std::optional<std::string> inlineValue;
-    if (equals != std::string::npos)
-      inlineValue = arg.substr(equals + 1);
-    auto value = [&]() -> std::string {
-      if (inlineValue)
-        return *inlineValue;
-      if (i + 1 >= argc)
-        throw UsageError{name + " needs a value"};
-      return argv[++i];
-    };
-    auto flag = [&](bool& target) {
-      if (inlineValue)
-        throw UsageError{name + " takes no value"};
-      target = true;
-    };
-    if (name == "--help") {
-      flag(line.help);
-    } else if (name == "--json") {
-      flag(line.json);
-    } else if (name == "--itemized") {
-      flag(line.itemized);
-    } else if (name == "--bus") {
-      line.bus = value();
-    } else if (name == "--urgency") {
-      line.urgency = value();
-    } else if (name == "--urgency-limit") {
-      line.urgencyLimit = value();
-    } else if (name == "--type") {
-      line.type = value();
-    } else {
-      throw UsageError{"unknown option " + name};
-    }
-    line.optionsGiven.insert(name);
-  }
-}
-
-const char* synopsisFor(const CommandLine& line) {
-  const std::string command = line.words.empty() ? "" : line.words.front();
+const char* synopsisFor(const std::string& command) {
   if (command == "purgeable")
     return kPurgeableSynopsis;
   if (command == "state")
     return kStateSynopsis;
+  if (command == "purge" || command == "cancel")
+    return kPurgeSynopsis;
+  if (command == "services" || command == "history" || command == "stats")
+    return kAdminSynopsis;
   return kMainSynopsis;
-}
-
-// Refuses the options of other commands, so a misplaced one is not ignored.
-void allowOnly(const CommandLine& line, const std::string& what,
-               std::initializer_list<std::string_view> allowed) {
-  static constexpr std::string_view kEverywhere[] = {"--help", "--json", "--bus"};
-  for (const auto& name : line.optionsGiven) {
-    if (std::find(std::begin(kEverywhere), std::end(kEverywhere), name) == std::end(kEverywhere) &&
-        std::find(allowed.begin(), allowed.end(), name) == allowed.end()) {
-      throw UsageError{name + " does not apply to " + what};
-    }
-  }
-}
-
-std::int64_t parseUrgency(const std::string& option, const std::string& text) {
-  int urgency = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), urgency);
-  if (error != std::errc() || end != text.data() + text.size() || urgency < 1 || urgency > 4)
-    throw UsageError{option + " needs a number from 1 to 4, not '" + text + "'"};
-  return urgency;
-}
-
-Value parseTypedValue(const std::string& type, const std::string& text) {
-  const char* begin = text.data();
-  const char* end = text.data() + text.size();
-  if (type == "string")
-    return Value(text);
-  if (type == "integer") {
-    std::int64_t number = 0;
-    const auto [stop, error] = std::from_chars(begin, end, number);
-    if (error != std::errc() || stop != end || text.empty())
-      throw UsageError{"--type integer needs a whole number, not '" + text + "'"};
-    return Value(number);
-  }
-  if (type == "real") {
-    double number = 0;
-    const auto [stop, error] = std::from_chars(begin, end, number);
-    if (error != std::errc() || stop != end || text.empty() || !std::isfinite(number))
-      throw UsageError{"--type real needs a finite number, not '" + text + "'"};
-    return Value(number);
-  }
-  if (type == "boolean") {
-    std::string lower = text;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (lower == "true" || lower == "yes" || lower == "1")
-      return Value(true);
-    if (lower == "false" || lower == "no" || lower == "0")
-      return Value(false);
-    throw UsageError{"--type boolean needs true or false, not '" + text + "'"};
-  }
-  throw UsageError{"unknown --type '" + type + "' (string, integer, boolean or real)"};
-}
-
-// Sizes in powers of 1024 with one decimal; below 1 KiB in whole bytes.
-std::string formatBytes(std::uint64_t bytes) {
-  static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  if (bytes < 1024)
-    return std::to_string(bytes) + " B";
-  double amount = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  // 1023.95 would print as 1024.0 of the smaller unit.
-  while (unit + 1 < std::size(kUnits) && amount >= 1023.95) {
-    amount /= 1024;
-    ++unit;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f %s", amount, kUnits[unit]);
-  return text;
-}
-
-std::string amountText(const Value& amount) {
-  if (amount.type() == Value::Type::kUnsigned)
-    return formatBytes(amount.get<std::uint64_t>());
-  if (amount.isNumber()) {
-    const std::int64_t n = amount.int64Value();
-    if (n < 0)
-      return "-" + formatBytes(std::uint64_t{0} - static_cast<std::uint64_t>(n));
-    return formatBytes(static_cast<std::uint64_t>(n));
-  }
-  return amount.description();
 }
 
 void printJson(const Value& value) {
@@ -345,20 +291,17 @@ void printPurgeable(const Value::Dictionary& answer) {
   std::printf("%-*s  %s\n", static_cast<int>(labelWidth), "Volume", volumeText.c_str());
 }
 
-int runPurgeable(const CommandLine& line) {
-  allowOnly(line, "purgeable", {"--urgency", "--urgency-limit", "--itemized"});
-  if (line.words.size() > 2)
-    throw UsageError{"purgeable takes one VOLUME at most"};
-  if (line.urgency && line.urgencyLimit)
-    throw UsageError{"give --urgency or --urgency-limit, not both"};
-  Value::Dictionary info{{"VANTOR_VOLUME", Value(vantor::ctl::volumeForPath(
-                                               line.words.size() == 2 ? line.words[1] : "/"))}};
+// The urgency options, as vantord reads them from a request.
+void addUrgency(const CommandLine& line, Value::Dictionary& info) {
   if (line.urgency)
-    info.emplace("VANTOR_URGENCY", Value(parseUrgency("--urgency", *line.urgency)));
+    info.emplace("VANTOR_URGENCY", Value(*line.urgency));
   if (line.urgencyLimit)
-    info.emplace("VANTOR_URGENCY_LIMIT",
-                 Value(parseUrgency("--urgency-limit", *line.urgencyLimit)));
+    info.emplace("VANTOR_URGENCY_LIMIT", Value(*line.urgencyLimit));
+}
 
+int runPurgeable(const CommandLine& line) {
+  Value::Dictionary info{{"VANTOR_VOLUME", Value(vantor::ctl::volumeForPath(line.volume))}};
+  addUrgency(line, info);
   DaemonClient client(line.bus);
   const Value::Dictionary answer =
       client.purgeable(line.itemized ? PurgeableView::kItemized : PurgeableView::kTotals, info);
@@ -370,76 +313,99 @@ int runPurgeable(const CommandLine& line) {
   return 0;
 }
 
-int runState(const CommandLine& line) {
-  const std::string sub = line.words.size() >= 2 ? line.words[1] : "";
-  if (sub == "get" || sub == "unset") {
-    allowOnly(line, "state " + sub, {});
-    if (line.words.size() != 3)
-      throw UsageError{"state " + sub + " takes one KEY"};
-  } else if (sub == "set") {
-    allowOnly(line, "state set", {"--type"});
-    if (line.words.size() != 4)
-      throw UsageError{"state set takes KEY and VALUE"};
-  } else if (sub.empty()) {
-    throw UsageError{"state needs get, set or unset"};
-  } else {
-    throw UsageError{"unknown state command '" + sub + "'"};
-  }
-  const std::string& key = line.words[2];
+int runPurge(const CommandLine& line) {
+  Value::Dictionary info{{"VANTOR_VOLUME", Value(vantor::ctl::volumeForPath(line.volume))},
+                         {"VANTOR_AMOUNT", Value(line.size)}};
+  addUrgency(line, info);
+  if (line.timeout)
+    info.emplace("VANTOR_PURGE_TIMEOUT", Value(*line.timeout));
 
-  if (sub == "get") {
-    DaemonClient client(line.bus);
-    const Value value = client.getState(key);
+  DaemonClient client(line.bus);
+  Value::Dictionary result;
+  {
+    vantor::ctl::ProgressLine progress("purging");
+    result = client.purge(info);
+  }
+  if (line.json) {
+    printJson(Value(result));
+  } else {
+    vantor::ctl::printPurgeResult(line.size, result);
+  }
+  const auto freed = result.find("VANTOR_AMOUNT");
+  const bool met = freed != result.end() && freed->second.uint64Value() >= line.size;
+  return static_cast<int>(met ? ExitCode::kSuccess : ExitCode::kShortfall);
+}
+
+int runState(const CommandLine& line) {
+  DaemonClient client(line.bus);
+  if (line.action == "set") {
+    client.setState(line.key, line.value);
+  } else if (line.action == "unset") {
+    client.setState(line.key, Value());
+  } else {
+    const Value value = client.getState(line.key);
     if (line.json) {
-      printJson(Value(Value::Dictionary{{"key", Value(key)}, {"value", value}}));
+      printJson(Value(Value::Dictionary{{"key", Value(line.key)}, {"value", value}}));
     } else if (value.isString()) {
       std::printf("%s\n", value.get<std::string>().c_str());
     } else {
       std::printf("%s\n", value.description().c_str());
     }
-  } else if (sub == "set") {
-    const Value value = parseTypedValue(line.type.value_or("string"), line.words[3]);
-    DaemonClient(line.bus).setState(key, value);
-  } else {
-    DaemonClient(line.bus).setState(key, Value());
   }
   return 0;
 }
 
+int showHelp(const std::string& topic) {
+  if (topic.empty())
+    std::fputs(kMainHelp, stdout);
+  else if (topic == "purgeable")
+    std::fputs(kPurgeableHelp, stdout);
+  else if (topic == "state")
+    std::fputs(kStateHelp, stdout);
+  else if (topic == "purge" || topic == "cancel")
+    std::fputs(kPurgeHelp, stdout);
+  else if (topic == "services" || topic == "history" || topic == "stats")
+    std::fputs(kAdminHelp, stdout);
+  else
+    throw UsageError{"no help for unknown command '" + topic + "'", ""};
+  return 0;
+}
+
 int run(const CommandLine& line) {
-  const std::string command = line.words.empty() ? "" : line.words.front();
-  if (command == "help" || line.help) {
-    const std::string topic =
-        command == "help" ? (line.words.size() > 1 ? line.words[1] : "") : command;
-    if (topic.empty())
-      std::fputs(kMainHelp, stdout);
-    else if (topic == "purgeable")
-      std::fputs(kPurgeableHelp, stdout);
-    else if (topic == "state")
-      std::fputs(kStateHelp, stdout);
-    else
-      throw UsageError{"no help for unknown command '" + topic + "'"};
-    return 0;
-  }
-  if (command.empty())
-    throw UsageError{"no command given"};
+  const std::string& command = line.command;
+  if (command == "help")
+    return showHelp(line.topic);
+  if (line.help)
+    return showHelp(command);
   if (command == "purgeable")
     return runPurgeable(line);
+  if (command == "purge")
+    return runPurge(line);
   if (command == "state")
     return runState(line);
-  throw UsageError{"unknown command '" + command + "'"};
+  if (command == "cancel") {
+    DaemonClient(line.bus).cancelPurge();
+    if (!line.json)
+      std::printf("Cancel sent.\n");
+    return 0;
+  }
+  if (command == "status")
+    return vantor::ctl::runStatus(line.bus, line.json);
+  if (command == "services")
+    return vantor::ctl::runServices(line.bus, line.json);
+  if (command == "history")
+    return vantor::ctl::runHistory(line.bus, line.json);
+  return vantor::ctl::runStats(line.bus, line.json, line.prometheus);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CommandLine line;
   try {
-    parse(argc, argv, line);
-    return run(line);
+    return run(vantor::ctl::parseCommandLine(argc, argv));
   } catch (const UsageError& error) {
     std::fprintf(stderr, "vantorctl: %s\n%sRun 'vantorctl help' for details.\n",
-                 error.message.c_str(), synopsisFor(line));
+                 error.message.c_str(), synopsisFor(error.command));
     return static_cast<int>(ExitCode::kUsage);
   } catch (const Failure& failure) {
     std::fprintf(stderr, "vantorctl: %s\n", failure.what());

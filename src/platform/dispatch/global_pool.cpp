@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -16,29 +18,40 @@
 namespace vantor::dispatch {
 namespace {
 
-// Far above what the daemon needs; only a runaway would reach it.
-constexpr std::size_t kMaxThreads = 1024;
 constexpr auto kIdleRetirement = std::chrono::seconds(5);
 
-// Blocks wait in one FIFO and are taken from its head, so they start in
-// submission order. Every submission either calls on an idle thread that no
-// earlier submission has called on yet, or starts a new thread. Each such
-// thread looks at the queue at least once more, so a block never waits for a
-// thread that is busy, however long the running blocks take.
+void writeUncaught(const char* where, const char* what) {
+  std::fprintf(stderr, "<3>%s: a block ended by throwing: %s\n", where, what);
+}
+
+std::atomic<UncaughtExceptionHandler> gUncaughtHandler{&writeUncaught};
+
+// Blocks wait in two FIFOs, one per lane, and are taken from their heads, so
+// the blocks of a lane start in submission order; reserve blocks are taken
+// first. Every submission either calls on an idle thread that no earlier
+// submission has called on yet, or starts a new thread, or (an ordinary block
+// at the limit) is left for a thread that is running an ordinary block. Each
+// such thread looks at the FIFOs at least once more, so a block never waits
+// for a thread that is busy, however long the running blocks take, unless the
+// ordinary limit holds it back.
 class Pool {
  public:
-  void submit(Block block) {
+  void submit(Block block, Lane lane) {
     {
       std::lock_guard lock(mutex_);
-      queue_.push_back(std::move(block));
+      if (lane == Lane::kReserve) {
+        reserve_.push_back(std::move(block));
+      } else {
+        ordinary_.push_back(std::move(block));
+      }
       if (idle_ > 0) {
         --idle_;
         ++wakeups_;
         cv_.notify_one();
         return;
       }
-      if (threads_ >= kMaxThreads) {
-        return;  // taken by the next thread to finish its block
+      if (lane == Lane::kOrdinary && ordinaryRunning_ >= limit_) {
+        return;  // taken by the next thread to finish an ordinary block
       }
       ++threads_;
     }
@@ -47,7 +60,12 @@ class Pool {
 
   GlobalPoolStats stats() {
     std::lock_guard lock(mutex_);
-    return GlobalPoolStats{threads_, idle_, queue_.size()};
+    return GlobalPoolStats{threads_, idle_, reserve_.size() + ordinary_.size()};
+  }
+
+  void setLimit(std::size_t limit) {
+    std::lock_guard lock(mutex_);
+    limit_ = limit;
   }
 
  private:
@@ -57,23 +75,48 @@ class Pool {
     } catch (const std::system_error& error) {
       std::lock_guard lock(mutex_);
       --threads_;
-      std::fprintf(stderr, "cannot start a pool thread: %s\n", error.what());
+      std::fprintf(stderr, "<3>cannot start a pool thread: %s\n", error.what());
       if (threads_ == 0) {
         std::abort();  // nothing would ever run the queued blocks
       }
     }
   }
 
+  // Takes the next block this thread may run, or returns false.
+  bool takeLocked(Block& block, bool& ordinary) {
+    if (!reserve_.empty()) {
+      block = std::move(reserve_.front());
+      reserve_.pop_front();
+      ordinary = false;
+      return true;
+    }
+    if (!ordinary_.empty() && ordinaryRunning_ < limit_) {
+      block = std::move(ordinary_.front());
+      ordinary_.pop_front();
+      ordinary = true;
+      ++ordinaryRunning_;
+      return true;
+    }
+    return false;
+  }
+
   void work() {
     std::unique_lock lock(mutex_);
     for (;;) {
-      while (!queue_.empty()) {
-        Block block = std::move(queue_.front());
-        queue_.pop_front();
+      Block block;
+      bool ordinary = false;
+      while (takeLocked(block, ordinary)) {
         lock.unlock();
-        block();
+        try {
+          block();
+        } catch (...) {
+          reportUncaughtException("global queue");
+        }
         block = nullptr;  // captures are released outside the lock
         lock.lock();
+        if (ordinary) {
+          --ordinaryRunning_;
+        }
       }
 
       ++idle_;
@@ -101,8 +144,11 @@ class Pool {
 
   std::mutex mutex_;
   std::condition_variable cv_;
-  std::deque<Block> queue_;
+  std::deque<Block> reserve_;
+  std::deque<Block> ordinary_;
+  std::size_t limit_ = kOrdinaryThreadLimit;
   std::size_t threads_ = 0;
+  std::size_t ordinaryRunning_ = 0;
   std::size_t idle_ = 0;     // waiting for work, not yet called on
   std::size_t wakeups_ = 0;  // idle threads called on that have not woken yet
 };
@@ -116,12 +162,31 @@ Pool& pool() {
 
 }  // namespace
 
-void globalAsync(Block block) {
-  pool().submit(std::move(block));
+UncaughtExceptionHandler setUncaughtExceptionHandler(UncaughtExceptionHandler handler) {
+  return gUncaughtHandler.exchange(handler != nullptr ? handler : &writeUncaught);
+}
+
+void reportUncaughtException(const char* where) noexcept {
+  const UncaughtExceptionHandler handler = gUncaughtHandler.load();
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    handler(where, e.what());
+  } catch (...) {
+    handler(where, "an exception of unknown type");
+  }
+}
+
+void globalAsync(Block block, Lane lane) {
+  pool().submit(std::move(block), lane);
 }
 
 GlobalPoolStats globalPoolStats() {
   return pool().stats();
+}
+
+void setOrdinaryThreadLimitForTesting(std::size_t limit) {
+  pool().setLimit(limit);
 }
 
 void runMain() {

@@ -6,12 +6,27 @@
 
 namespace vantor::dispatch {
 
-// The global concurrent queue. Blocks start in submission order on pool
-// threads and may run concurrently. The pool never starves: when a block is
-// submitted and no thread is idle, it starts a new thread (up to a hard limit
-// far above what the daemon needs), because blocks may wait for minutes. A
-// thread idle for a few seconds retires.
-void globalAsync(Block block);
+// Which share of the global pool a block may use.
+enum class Lane {
+  // Client work that may wait for minutes. At most `kOrdinaryThreadLimit`
+  // ordinary blocks run at once; further ones wait their turn.
+  kOrdinary,
+  // Work that others wait for and that is bounded by its nature (a serial
+  // queue has at most one drainer). Runs ahead of waiting ordinary blocks and
+  // gets a thread even when every ordinary thread is blocked, so blocked
+  // callers can never starve the work that would release them.
+  kReserve,
+};
+
+// The most ordinary blocks that run at the same time: far above what the
+// daemon needs, so only a runaway reaches it.
+inline constexpr std::size_t kOrdinaryThreadLimit = 1024;
+
+// The global concurrent queue. Blocks of a lane start in submission order on
+// pool threads and may run concurrently. When a block is submitted and no
+// thread is idle, the pool starts a new one (within the lane's limit), because
+// blocks may wait for minutes. A thread idle for a few seconds retires.
+void globalAsync(Block block, Lane lane = Lane::kOrdinary);
 
 // Statistics for tests and benchmarks.
 struct GlobalPoolStats {
@@ -20,6 +35,9 @@ struct GlobalPoolStats {
   std::size_t queued = 0;   // blocks not yet started
 };
 GlobalPoolStats globalPoolStats();
+
+// Lowers the ordinary limit so tests can reach it cheaply.
+void setOrdinaryThreadLimitForTesting(std::size_t limit);
 
 // Parks the calling (main) thread for the life of the process.
 [[noreturn]] void runMain();

@@ -7,6 +7,25 @@
 
 namespace vantor::dispatch {
 
+namespace {
+
+// Leaves the group however `block` ends; a throw goes on to the thread's own
+// report once the group no longer counts the block.
+void runThenLeave(Group& group, Block& block) {
+  try {
+    block();
+  } catch (...) {
+    block = nullptr;
+    group.leave();
+    throw;
+  }
+  // Whoever waits on the group may rely on the block's captures being gone.
+  block = nullptr;
+  group.leave();
+}
+
+}  // namespace
+
 std::shared_ptr<Group> Group::create() {
   return std::shared_ptr<Group>(new Group());
 }
@@ -30,19 +49,14 @@ void Group::leave() {
 void Group::async(Block block) {
   enter();
   globalAsync([self = shared_from_this(), block = std::move(block)]() mutable {
-    block();
-    // Whoever waits on the group may rely on the block's captures being gone.
-    block = nullptr;
-    self->leave();
+    runThenLeave(*self, block);
   });
 }
 
 void Group::async(const QueuePtr& queue, Block block) {
   enter();
   queue->async([self = shared_from_this(), block = std::move(block)]() mutable {
-    block();
-    block = nullptr;
-    self->leave();
+    runThenLeave(*self, block);
   });
 }
 

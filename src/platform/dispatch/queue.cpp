@@ -134,7 +134,9 @@ void SerialQueue::assertCurrent(const char* caller) const {
 }
 
 void SerialQueue::scheduleDrainLocked() {
-  globalAsync([self = shared_from_this()] { self->drain(); });
+  // A drainer is what every waiting block of this queue, and whoever waits for
+  // them, depends on; a queue has at most one, so it may use the reserve.
+  globalAsync([self = shared_from_this()] { self->drain(); }, Lane::kReserve);
 }
 
 void SerialQueue::handOnLocked() {
@@ -165,7 +167,11 @@ void SerialQueue::drain() {
     Block block = std::move(items_.front().block);
     items_.pop_front();
     lock.unlock();
-    block();
+    try {
+      block();
+    } catch (...) {
+      reportUncaughtException(label_.c_str());
+    }
     // Release what the block captured before taking the lock again: its
     // destructors may well submit to this queue.
     block = nullptr;

@@ -24,7 +24,10 @@ namespace vantor::dispatch {
 // suspended aborts the process, as it is a programming error.
 //
 // `sync` onto the queue the caller is running on aborts with a clear message
-// instead of deadlocking. All members are safe to call from any thread.
+// instead of deadlocking. An async block that throws is reported (block.h) and
+// the queue goes on; a `sync` block that throws releases the queue and the
+// exception reaches the `sync` caller. All members are safe to call from any
+// thread.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   static std::shared_ptr<SerialQueue> create(std::string label);

@@ -9,7 +9,12 @@
 #include <cstring>
 #include <ctime>
 #include <system_error>
+#include <utility>
 #include <vector>
+
+// Header-only: the checksum needs no library at run time.
+#define XXH_INLINE_ALL
+#include <xxhash.h>
 
 #include "platform/files/read_file.h"
 #include "platform/values/plist_io.h"
@@ -17,41 +22,110 @@
 namespace vantor {
 namespace {
 
-std::string errnoText(const std::string& what, int err) {
-  return what + ": " + std::strerror(err);
-}
-
-// Writes all of `bytes` from the start of the file.
-bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n =
-        ::pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
-    if (n < 0) {
-      if (errno == EINTR)
-        continue;
-      return false;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-}  // namespace
-
-namespace {
-
 constexpr auto kFlushDelay = std::chrono::milliseconds(1000);
 // Far beyond what clients keep in it; a larger file is not one of ours.
 constexpr std::size_t kMaxFileBytes = 64u << 20;
 
+// A binary property list starts with this magic and ends with a 32-byte
+// trailer whose first bytes are unused; the checksum lives in five of them.
+constexpr char kBinaryMagic[] = "bplist00";
+constexpr std::size_t kMagicBytes = 8;
+constexpr std::size_t kTrailerBytes = 32;
+constexpr std::size_t kSumBytes = 5;
+
+std::string errnoText(const std::string& what, int err) {
+  return what + ": " + std::strerror(err);
+}
+
+bool isBinaryPlist(const std::vector<std::uint8_t>& bytes) {
+  return bytes.size() >= kMagicBytes + kTrailerBytes &&
+         std::memcmp(bytes.data(), kBinaryMagic, kMagicBytes) == 0;
+}
+
+// XXH3 over the whole file with the checksum field read as zeros, folded to
+// 40 bits; never 0, which stands for "no checksum" (files other programs wrote).
+std::uint64_t checksumOf(const std::vector<std::uint8_t>& bytes) {
+  static constexpr std::uint8_t kZeros[kSumBytes] = {};
+  const std::size_t field = bytes.size() - kTrailerBytes;
+  XXH3_state_t state;
+  XXH3_64bits_reset(&state);
+  XXH3_64bits_update(&state, bytes.data(), field);
+  XXH3_64bits_update(&state, kZeros, kSumBytes);
+  XXH3_64bits_update(&state, bytes.data() + field + kSumBytes, bytes.size() - field - kSumBytes);
+  const std::uint64_t hash = XXH3_64bits_digest(&state);
+  const std::uint64_t folded = (hash ^ (hash >> 40)) & ((1ULL << 40) - 1);
+  return folded == 0 ? 1 : folded;
+}
+
+std::uint64_t storedChecksum(const std::vector<std::uint8_t>& bytes) {
+  std::uint64_t sum = 0;
+  for (std::size_t i = 0; i < kSumBytes; ++i)
+    sum = (sum << 8) | bytes[bytes.size() - kTrailerBytes + i];
+  return sum;
+}
+
+// Renames a corrupt file aside, never replacing an earlier corrupt copy (a
+// counter is added when the name is taken). Returns what happened, for the log.
+std::string moveAside(const std::filesystem::path& path) {
+  const std::string base =
+      path.string() + ".corrupt-" + std::to_string(static_cast<long long>(std::time(nullptr)));
+  std::string aside = base;
+  int err = 0;
+  for (int attempt = 1; attempt < 1000; ++attempt) {
+    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0)
+      return "moved aside to " + aside;
+    err = errno;
+    if (err != EEXIST)
+      break;
+    aside = base + "." + std::to_string(attempt);
+  }
+  return errnoText("could not move it aside", err);
+}
+
 }  // namespace
 
-SettingsStore::SettingsStore(std::filesystem::path path)
-    : path_(std::move(path)), durability_(path_, kFlushDelay) {}
+std::vector<std::uint8_t> SettingsStore::encode(const Value& value) {
+  auto bytes = encodePlist(value, PlistFormat::kBinary);
+  if (isBinaryPlist(bytes)) {
+    std::uint64_t sum = checksumOf(bytes);
+    for (std::size_t i = kSumBytes; i-- > 0; sum >>= 8)
+      bytes[bytes.size() - kTrailerBytes + i] = static_cast<std::uint8_t>(sum & 0xff);
+  }
+  return bytes;
+}
+
+std::optional<Value> SettingsStore::decode(const std::vector<std::uint8_t>& bytes,
+                                           std::string* reason) {
+  if (bytes.empty()) {
+    *reason = "empty file";
+    return std::nullopt;
+  }
+  if (isBinaryPlist(bytes)) {
+    const std::uint64_t stored = storedChecksum(bytes);
+    if (stored != 0 && stored != checksumOf(bytes)) {
+      *reason = "checksum mismatch: the file is not the one that was written";
+      return std::nullopt;
+    }
+  }
+  auto parsed = parsePlist(bytes);
+  if (!parsed.value) {
+    *reason = parsed.error;
+    return std::nullopt;
+  }
+  if (!parsed.value->isDictionary()) {
+    *reason = "top level is not a dictionary";
+    return std::nullopt;
+  }
+  return std::move(*parsed.value);
+}
+
+SettingsStore::SettingsStore(std::filesystem::path path, StoreFiles& files)
+    : path_(std::move(path)),
+      files_(files),
+      backup_(path_.string() + ".backup", kFlushDelay, files) {}
 
 std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& path,
-                                                   Diagnostics* diagnostics) {
+                                                   Diagnostics* diagnostics, StoreFiles& files) {
   std::error_code ec;
   const auto dir = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
   std::filesystem::create_directories(dir, ec);
@@ -65,9 +139,20 @@ std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& 
       diagnostics->warning = errnoText("cannot write " + dir.string(), errno);
     return nullptr;
   }
-  std::unique_ptr<SettingsStore> store(new SettingsStore(path));
+  std::unique_ptr<SettingsStore> store(new SettingsStore(path, files));
   std::string warning;
   store->load(&warning);
+  // Until the backup holds what the store holds, a write of this run that
+  // does not reach the disk whole would leave nothing sound to fall back on.
+  if (store->stamp_) {
+    const auto bytes = encode(store->contents_);
+    std::string ignored;
+    if (readRegularFile(store->backup_.path(), kMaxFileBytes, &ignored) != bytes) {
+      std::string error;
+      if (!store->backup_.writeNow(bytes, &error))
+        warning += (warning.empty() ? "" : "; ") + error;
+    }
+  }
   if (diagnostics != nullptr)
     diagnostics->warning = warning;
   return store;
@@ -79,12 +164,28 @@ const Value* SettingsStore::objectForKey(const std::string& key) const {
 
 bool SettingsStore::setObject(const std::string& key, std::optional<Value> value,
                               std::string* error) {
-  if (value && !value->isNull()) {
-    contents().insert_or_assign(key, std::move(*value));
-  } else {
-    contents().erase(key);
+  Value::Dictionary& dict = contents();
+  const bool setting = value && !value->isNull();
+  std::optional<Value> previous;
+  if (auto it = dict.find(key); it != dict.end()) {
+    if (setting) {
+      previous = std::exchange(it->second, std::move(*value));
+    } else {
+      previous = std::move(it->second);
+      dict.erase(it);
+    }
+  } else if (setting) {
+    dict.emplace(key, std::move(*value));
   }
-  return write(error);
+  if (write(error))
+    return true;
+  // What was not written is not kept: memory stays what the disk holds.
+  if (previous) {
+    dict.insert_or_assign(key, std::move(*previous));
+  } else {
+    dict.erase(key);
+  }
+  return false;
 }
 
 bool SettingsStore::synchronize(std::string* error) {
@@ -97,120 +198,141 @@ bool SettingsStore::synchronize(std::string* error) {
   return load(error);
 }
 
-// Reads the file into memory. A missing file is an empty store; a file that
-// does not parse as a dictionary is moved aside so it is kept for inspection
-// but never read again.
+// Reads the file into memory. A missing file is an empty store (the backup
+// is not consulted: whoever removed the store meant to clear it); a file that
+// is not sound is moved aside, kept for inspection but never read again, and
+// the backup's contents take its place when they are sound. A file that
+// cannot be read at all leaves the contents as they were.
 bool SettingsStore::load(std::string* error) {
-  contents_ = Value(Value::Dictionary{});
-  stamp_.reset();
   // Stamped before reading: should the file be replaced in between, the
   // stamp is the older one and the next synchronize reads it again.
   struct stat st {};
   if (::stat(path_.c_str(), &st) != 0) {
-    if (errno == ENOENT)
+    if (errno == ENOENT) {
+      contents_ = Value(Value::Dictionary{});
+      stamp_.reset();
       return true;
+    }
     if (error != nullptr)
       *error = errnoText("cannot read " + path_.string(), errno);
     return false;
   }
   const FileStamp stamp = FileStamp::of(st);
-  std::vector<std::uint8_t> bytes;
   std::string reason;
+  std::optional<Value> parsed;
   if (st.st_size > static_cast<off_t>(kMaxFileBytes)) {
+    // Too large to be ours: kept aside as well.
     reason = "larger than " + std::to_string(kMaxFileBytes) + " bytes";
-  } else if (auto read = readRegularFile(path_, kMaxFileBytes, &reason)) {
-    bytes = std::move(*read);
+  } else if (auto bytes = readRegularFile(path_, kMaxFileBytes, &reason)) {
+    parsed = decode(*bytes, &reason);
   } else {
     if (error != nullptr)
       *error = "cannot read " + path_.string() + ": " + reason;
     return false;
   }
-  // A file too large to be ours was refused above and is kept aside too.
-  if (reason.empty() && bytes.empty())
-    reason = "empty file";
-  if (reason.empty()) {
-    auto parsed = parsePlist(bytes);
-    if (!parsed.value) {
-      reason = parsed.error;
-    } else if (!parsed.value->isDictionary()) {
-      reason = "top level is not a dictionary";
-    } else {
-      contents_ = std::move(*parsed.value);
-      stamp_ = stamp;
-      return true;
-    }
+  if (parsed) {
+    contents_ = std::move(*parsed);
+    stamp_ = stamp;
+    return true;
   }
-  // Never replace an earlier corrupt copy: add a counter when the name is taken.
-  const std::string base =
-      path_.string() + ".corrupt-" + std::to_string(static_cast<long long>(std::time(nullptr)));
-  std::string text = path_.string() + " is corrupt (" + reason + ")";
-  int moveErrno = 0;
-  std::string aside = base;
-  for (int attempt = 1; attempt < 1000; ++attempt) {
-    if (::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
-      moveErrno = 0;
-      break;
-    }
-    moveErrno = errno;
-    if (moveErrno != EEXIST)
-      break;
-    aside = base + "." + std::to_string(attempt);
-  }
-  if (moveErrno == 0) {
-    text += "; moved aside to " + aside;
+
+  std::string text = path_.string() + " is corrupt (" + reason + "); " + moveAside(path_);
+  contents_ = Value(Value::Dictionary{});
+  stamp_.reset();
+  std::string backupReason;
+  std::optional<Value> restored;
+  if (auto bytes = readRegularFile(backup_.path(), kMaxFileBytes, &backupReason))
+    restored = decode(*bytes, &backupReason);
+  if (restored) {
+    contents_ = std::move(*restored);
+    std::string writeError;
+    text += "; restored the contents last flushed to " + backup_.path().string();
+    if (!write(&writeError))
+      text += ", but " + writeError;
   } else {
-    text += "; " + errnoText("could not move it aside", moveErrno);
+    text += "; the store starts empty";
   }
   if (error != nullptr)
     *error = text;
   return false;
 }
 
-// Puts the spare file in the store file's place. Exchanging the two names
-// is as atomic as renaming over the file, but costs neither a new inode nor
-// the immediate writeback that ext4 starts when a file is renamed over
-// another; the deferred flush does that work for many writes together. The
-// previous contents stay in the spare, which the next write overwrites.
-bool SettingsStore::replaceWithSpare() {
-  const std::string spare = sparePath();
-  if (::renameat2(AT_FDCWD, spare.c_str(), AT_FDCWD, path_.c_str(), RENAME_EXCHANGE) == 0)
-    return true;
-  // No store file to exchange with yet, or a file system without exchange.
-  if (errno != ENOENT && errno != EINVAL && errno != ENOSYS)
-    return false;
-  return ::rename(spare.c_str(), path_.c_str()) == 0;
-}
-
-std::string SettingsStore::sparePath() const {
+std::string SettingsStore::nextPath() const {
   return path_.string() + ".next";
 }
 
-bool SettingsStore::write(std::string* error) {
-  const auto bytes = encodePlist(contents_, PlistFormat::kBinary);
-  const std::string spare = sparePath();
-  // Never the store file itself: whatever happens to the spare, the store
-  // file keeps its last complete contents until the exchange.
-  const int fd = ::open(spare.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    if (error != nullptr)
-      *error = errnoText("cannot open " + spare, errno);
-    return false;
+// Puts the new file `next` in the store's place. Exchanging the names and
+// then removing the old file is as atomic as renaming over it, but spares the
+// writeback that ext4 starts at once when a file is renamed over another; the
+// backup rounds do the flushing, for many writes together. A failure to
+// remove the old file is harmless: the next write clears it away.
+bool SettingsStore::replaceStoreWith(const std::string& next) {
+  if (files_.exchange(next.c_str(), path_.c_str()) == 0) {
+    files_.unlink(next.c_str());
+    return true;
   }
-  struct stat st {};
-  bool ok = writeAll(fd, bytes) && ::fstat(fd, &st) == 0;
-  if (ok && static_cast<std::size_t>(st.st_size) != bytes.size())
-    ok = ::ftruncate(fd, static_cast<off_t>(bytes.size())) == 0 && ::fstat(fd, &st) == 0;
-  if (ok && (st.st_mode & 07777) != 0600)
-    ok = ::fchmod(fd, 0600) == 0;
-  const int err = errno;
-  ::close(fd);
-  if (!ok || !replaceWithSpare()) {
-    if (error != nullptr)
-      *error = errnoText("cannot write " + path_.string(), ok ? errno : err);
+  // No store file to exchange with yet, or a file system without exchange.
+  if (errno != ENOENT && errno != EINVAL && errno != ENOSYS)
     return false;
+  return files_.rename(next.c_str(), path_.c_str()) == 0;
+}
+
+// Writes the contents into a new file and renames it over the store: no file
+// that is, or may still be on disk, the store is ever changed.
+bool SettingsStore::write(std::string* error) {
+  auto bytes = std::make_shared<const std::vector<std::uint8_t>>(encode(contents_));
+  const std::string next = nextPath();
+  const auto fail = [&](const std::string& what, int err) {
+    if (error != nullptr)
+      *error = errnoText("cannot write " + path_.string() + " (" + what + ")", err);
+    return false;
+  };
+  const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
+  int fd = files_.open(next.c_str(), flags, 0600);
+  if (fd < 0 && errno == EEXIST) {
+    // Left behind by a writer that was stopped half-way. It never was the
+    // store: only the rename below makes a file the store.
+    files_.unlink(next.c_str());
+    fd = files_.open(next.c_str(), flags, 0600);
+  }
+  if (fd < 0)
+    return fail("create " + next, errno);
+
+  struct stat st {};
+  const char* step = nullptr;
+  std::size_t done = 0;
+  while (step == nullptr && done < bytes->size()) {
+    const ssize_t n = files_.write(fd, bytes->data() + done, bytes->size() - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0) {
+      if (n == 0)
+        errno = ENOSPC;
+      step = "write";
+    } else {
+      done += static_cast<std::size_t>(n);
+    }
+  }
+  if (step == nullptr && files_.fstat(fd, &st) != 0)
+    step = "stat";
+  // The mode asked for at creation may have been narrowed by the umask.
+  if (step == nullptr && (st.st_mode & 07777) != 0600 && files_.fchmod(fd, 0600) != 0)
+    step = "chmod";
+  int err = errno;
+  if (files_.close(fd) != 0 && step == nullptr) {
+    step = "close";
+    err = errno;
+  }
+  if (step == nullptr && !replaceStoreWith(next)) {
+    step = "rename";
+    err = errno;
+  }
+  if (step != nullptr) {
+    files_.unlink(next.c_str());
+    return fail(step, err);
   }
   stamp_ = FileStamp::of(st);
-  durability_.schedule();
+  backup_.schedule(std::move(bytes));
   return true;
 }
 

@@ -2,12 +2,15 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "platform/store/deferred_sync.h"
+#include "platform/store/durable_copy.h"
+#include "platform/store/store_files.h"
 #include "platform/values/value.h"
 
 namespace vantor {
@@ -15,20 +18,26 @@ namespace vantor {
 // A persistent dictionary of property-list values kept in one binary
 // property-list file (the daemon's settings suite).
 //
-// Writes replace the file atomically: the new contents go into a spare file
-// in the same directory ("<name>.next"), which then takes the file's place,
-// so a reader, or a process killed at any moment, sees either the old or the
-// new contents, never a mix. An acknowledged `setObject` is in the file
-// system when it returns and survives the process being killed. Writes are
-// not flushed to disk one by one: a background flush follows within about a
-// second, so a power failure can take only the writes of that last second.
-// After a write the spare holds the previous contents.
+// Writes never change a file in place. The new contents go into a new file
+// beside the store ("<name>.next"), which then takes the store's place (the
+// names are exchanged atomically and the old file is removed), so
+// a reader, or a process killed at any moment, sees either the old or the new
+// contents, never a mix: an acknowledged `setObject` is in the file system
+// when it returns and survives the process being killed. Writes are not
+// flushed to disk one by one; instead a `DurableCopy` keeps "<name>.backup"
+// flushed with the newest contents within about a second. Every file the store
+// writes carries a checksum (in the five bytes the binary property-list
+// trailer leaves unused, which other readers ignore), so after a power failure
+// a store file that did not reach the disk whole is recognised and the backup
+// takes its place: the store then holds the contents of the last flush,
+// complete.
 //
-// A file that cannot be parsed, or whose top level is not a dictionary, is
-// moved aside (renamed to "<name>.corrupt-<unix seconds>", never deleted) and
-// the store starts empty; the reason is reported through `Diagnostics`, the
-// caller logs it. Not thread-safe by itself: the daemon touches it from one
-// serial queue only.
+// A store file that cannot be parsed, whose checksum does not match, or whose
+// top level is not a dictionary, is moved aside (renamed to
+// "<name>.corrupt-<unix seconds>", never deleted) and the store continues with
+// the backup's contents when that is sound, else empty; the reason is reported
+// to the caller, who logs it. Not thread-safe by itself: the daemon touches it
+// from one serial queue only.
 class SettingsStore {
  public:
   struct Diagnostics {
@@ -37,31 +46,42 @@ class SettingsStore {
 
   // Opens (and creates the directory of) the store file at `path`. Returns
   // null with a reason in `diagnostics` when the directory cannot be created
-  // or written.
+  // or written. `files` is the seam for the file operations of writes.
   static std::unique_ptr<SettingsStore> open(const std::filesystem::path& path,
-                                             Diagnostics* diagnostics = nullptr);
+                                             Diagnostics* diagnostics = nullptr,
+                                             StoreFiles& files = StoreFiles::system());
 
   // The stored value under `key`, or null. Valid until the store changes.
   const Value* objectForKey(const std::string& key) const;
 
   // Stores `value` under `key` (nullopt removes the key) and writes the file
   // through. Returns false with a reason when the file could not be written;
-  // the in-memory contents then still hold the new value.
+  // the store is then unchanged, in memory and on disk.
   bool setObject(const std::string& key, std::optional<Value> value, std::string* error = nullptr);
 
   // Re-reads the file when it changed on disk since it was last read or
   // written (another writer, or a restore). Returns false with a reason when
-  // it was found corrupt (and moved aside).
+  // it was found corrupt (and moved aside), or could not be read (the
+  // contents in memory are then kept).
   bool synchronize(std::string* error = nullptr);
 
   const std::filesystem::path& path() const { return path_; }
+  const DurableCopy& backup() const { return backup_; }
+
+  // Encodes `value` as the store writes it: a binary property list carrying
+  // its checksum.
+  static std::vector<std::uint8_t> encode(const Value& value);
+  // Reads the contents of a store file: the dictionary, or nullopt with the
+  // reason when they are not sound (not a property list, a checksum that does
+  // not match, a top level other than a dictionary).
+  static std::optional<Value> decode(const std::vector<std::uint8_t>& bytes, std::string* reason);
 
  private:
-  explicit SettingsStore(std::filesystem::path path);
+  SettingsStore(std::filesystem::path path, StoreFiles& files);
   bool load(std::string* error);
   bool write(std::string* error);
-  bool replaceWithSpare();
-  std::string sparePath() const;
+  bool replaceStoreWith(const std::string& next);
+  std::string nextPath() const;
 
   struct FileStamp {
     dev_t dev = 0;
@@ -76,11 +96,12 @@ class SettingsStore {
   };
 
   std::filesystem::path path_;
+  StoreFiles& files_;
   // Always a dictionary; kept as a value so writing it needs no copy.
   Value contents_{Value::Dictionary{}};
   Value::Dictionary& contents() { return contents_.get<Value::Dictionary>(); }
   std::optional<FileStamp> stamp_;
-  DeferredSync durability_;
+  DurableCopy backup_;
 };
 
 }  // namespace vantor

@@ -27,8 +27,16 @@ int bytesFor(std::uint64_t value) {
 }
 
 bool isAscii(std::string_view text) {
-  for (const unsigned char c : text) {
-    if (c >= 0x80)
+  // Eight bytes at a time: any byte with its top bit set is not ASCII.
+  std::size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + i, sizeof word);
+    if ((word & 0x8080808080808080ULL) != 0)
+      return false;
+  }
+  for (; i < text.size(); ++i) {
+    if (static_cast<unsigned char>(text[i]) >= 0x80)
       return false;
   }
   return true;
@@ -162,8 +170,7 @@ BinaryPlistWriter::Ref BinaryPlistWriter::date(Date value) {
 BinaryPlistWriter::Ref BinaryPlistWriter::data(std::span<const std::uint8_t> bytes) {
   const Ref ref = beginScalar();
   putMarker(scalars_, 0x40, bytes.size());
-  for (const std::uint8_t b : bytes)
-    scalars_.push_back(b);
+  scalars_.insert(scalars_.end(), bytes.begin(), bytes.end());
   return ref;
 }
 
@@ -171,8 +178,8 @@ BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view utf8) {
   const Ref ref = beginScalar();
   if (isAscii(utf8)) {
     putMarker(scalars_, 0x50, utf8.size());
-    for (const char c : utf8)
-      scalars_.push_back(static_cast<std::uint8_t>(c));
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(utf8.data());
+    scalars_.insert(scalars_.end(), bytes, bytes + utf8.size());
     return ref;
   }
   const auto units = utf16(utf8);

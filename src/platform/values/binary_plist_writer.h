@@ -1,10 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/values/value.h"
@@ -61,7 +63,14 @@ class BinaryPlistWriter {
   std::vector<std::uint8_t> scalars_;   // encoded scalar objects
   std::vector<std::uint64_t> offsets_;  // by ref; containers filled in at the end
   std::vector<Container> containers_;
-  std::map<std::string, Ref, std::less<>> keys_;
+  // Looked up by view, without building a string.
+  struct KeyHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  std::unordered_map<std::string, Ref, KeyHash, std::equal_to<>> keys_;
   std::vector<Ref> uids_;  // by UID value, kNoRef until written
 };
 

@@ -2,6 +2,9 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
+#include <bit>
+#include <cmath>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -106,6 +109,35 @@ bool checkBinary(std::span<const std::uint8_t> b, std::string* error) {
     *at = off;
     return true;
   };
+  // Dictionary keys (the first half of a dictionary's references) must be
+  // strings without a NUL character: libplist aborts when it walks any other
+  // key.
+  auto keyIsSound = [&](std::uint64_t ref) {
+    std::size_t at = 0;
+    if (!objectAt(ref, &at))
+      return false;
+    const std::uint8_t kind = b[at] >> 4;
+    if (kind != 0x5 && kind != 0x6)
+      return false;
+    std::uint64_t length = b[at] & 0x0F;
+    std::size_t chars = at + 1;
+    if (length == 0x0F) {
+      if (chars >= tableOffset || (b[chars] >> 4) != 0x1)
+        return false;
+      const std::size_t n = std::size_t{1} << (b[chars] & 0x3);
+      if (!readBE(chars + 1, n, &length))
+        return false;
+      chars += 1 + n;
+    }
+    const std::size_t unit = kind == 0x6 ? 2 : 1;
+    if (chars > tableOffset || length > (tableOffset - chars) / unit)
+      return false;
+    for (std::size_t c = 0; c < length; ++c) {
+      if (b[chars + c * unit] == 0 && b[chars + c * unit + unit - 1] == 0)
+        return false;
+    }
+    return true;
+  };
   struct Pending {
     std::uint64_t ref;
     int depth;
@@ -155,22 +187,81 @@ bool checkBinary(std::span<const std::uint8_t> b, std::string* error) {
     for (std::uint64_t k = 0; k < total; ++k) {
       std::uint64_t child = 0;
       readBE(refs + k * refSize, refSize, &child);
+      if (kind == 0xD && k < count && !keyIsSound(child)) {
+        *error = "binary property list has a dictionary key that is not a string";
+        return false;
+      }
       stack.push_back({child, depth + 1});
     }
   }
   return true;
 }
 
+// One node on its own, written by libplist as XML or binary.
+std::string serialised(plist_t node, bool binary) {
+  PlistPtr copy(plist_copy(node));
+  char* bytes = nullptr;
+  std::uint32_t length = 0;
+  (binary ? plist_to_bin : plist_to_xml)(copy.get(), &bytes, &length);
+  std::string out = bytes != nullptr ? std::string(bytes, length) : std::string();
+  (binary ? plist_to_bin_free : plist_to_xml_free)(bytes);
+  return out;
+}
+
 bool integerIsNegative(plist_t node) {
   // libplist keeps one unsigned 64-bit integer; whether a value above the
   // signed range was written as a negative number shows only in its XML.
-  PlistPtr copy(plist_copy(node));
-  char* xml = nullptr;
-  std::uint32_t length = 0;
-  plist_to_xml(copy.get(), &xml, &length);
-  const bool negative = xml != nullptr && std::strstr(xml, "<integer>-") != nullptr;
-  plist_to_xml_free(xml);
-  return negative;
+  return serialised(node, false).find("<integer>-") != std::string::npos;
+}
+
+// Text as the daemon's values hold it: up to the first NUL (where libplist
+// and the bus end a string anyway) and valid UTF-8, each byte of a malformed
+// sequence replaced by U+FFFD as the binary encoder does, so that a string
+// reads back the same after a rewrite and can always travel on the bus.
+std::string textOf(const char* s, std::size_t length) {
+  const std::string_view text(s, s != nullptr ? strnlen(s, length) : 0);
+  std::string out;
+  out.reserve(text.size());
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const int extra = c < 0x80             ? 0
+                      : (c & 0xE0) == 0xC0 ? 1
+                      : (c & 0xF0) == 0xE0 ? 2
+                      : (c & 0xF8) == 0xF0 ? 3
+                                           : -1;
+    char32_t cp = extra <= 0 ? c : c & (0x7F >> (extra + 1));
+    bool valid = extra >= 0 && i + static_cast<std::size_t>(extra) < text.size();
+    for (int k = 1; valid && k <= extra; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + static_cast<std::size_t>(k)]);
+      valid = (next & 0xC0) == 0x80;
+      cp = (cp << 6) | (next & 0x3F);
+    }
+    constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
+    if (!valid || cp < kMinimum[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+      out += "\xEF\xBF\xBD";
+      ++i;
+      continue;
+    }
+    out.append(text, i, static_cast<std::size_t>(extra) + 1);
+    i += static_cast<std::size_t>(extra) + 1;
+  }
+  return out;
+}
+
+// The seconds from 2001 that a date node holds. libplist's accessor drops the
+// sign of the fraction of a second, so a date before 2001 would read up to a
+// second late (and move on every rewrite); the node's binary encoding, a
+// big-endian double after the 0x33 marker of its only object, is exact.
+double dateSeconds(plist_t node) {
+  const std::string bin = serialised(node, true);
+  std::uint64_t bits = 0;
+  constexpr std::size_t kObject = 8;  // after "bplist00"
+  if (bin.size() >= kObject + 9 && static_cast<std::uint8_t>(bin[kObject]) == 0x33) {
+    for (std::size_t i = 1; i <= 8; ++i)
+      bits = (bits << 8) | static_cast<std::uint8_t>(bin[kObject + i]);
+  }
+  return std::bit_cast<double>(bits);
 }
 
 Value fromNode(plist_t node) {
@@ -197,7 +288,7 @@ Value fromNode(plist_t node) {
     case PLIST_KEY: {
       std::uint64_t length = 0;
       const char* s = plist_get_string_ptr(node, &length);
-      return Value(std::string(s != nullptr ? s : "", s != nullptr ? length : 0));
+      return Value(textOf(s, length));
     }
     case PLIST_DATA: {
       std::uint64_t length = 0;
@@ -206,9 +297,13 @@ Value fromNode(plist_t node) {
       return Value(Value::Data(p, p + (d != nullptr ? length : 0)));
     }
     case PLIST_DATE: {
-      std::int32_t sec = 0, usec = 0;
-      plist_get_date_val(node, &sec, &usec);
-      return Value(Date{(std::int64_t{sec} + kPlistEpochOffset) * 1000000 + usec});
+      // Property-list dates are 32-bit seconds; beyond that they are clamped.
+      double seconds = dateSeconds(node);
+      if (std::isnan(seconds))
+        seconds = 0;
+      seconds = std::clamp(seconds, double{std::numeric_limits<std::int32_t>::min()},
+                           double{std::numeric_limits<std::int32_t>::max()});
+      return Value(Date{std::llround((seconds + kPlistEpochOffset) * 1e6)});
     }
     case PLIST_UID: {
       std::uint64_t uid = 0;
@@ -245,7 +340,7 @@ Value fromNode(plist_t node) {
           break;
         }
         if (key != nullptr)
-          dict.insert_or_assign(std::string(key), fromNode(item));
+          dict.insert_or_assign(textOf(key, std::strlen(key)), fromNode(item));
         std::free(key);
       }
       std::free(it);

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -33,9 +36,8 @@ Deadline shortly() {
 class OverlapDetector {
  public:
   void run(const std::function<void()>& body) {
-    if (inside_.fetch_add(1) != 0) {
+    if (inside_.fetch_add(1) != 0)
       overlapped_ = true;
-    }
     body();
     inside_.fetch_sub(1);
   }
@@ -55,14 +57,12 @@ TEST(SerialQueue, RunsBlocksInSubmissionOrder) {
   std::vector<std::thread> submitters;
   for (int t = 0; t < kThreads; ++t) {
     submitters.emplace_back([&, t] {
-      for (int i = 0; i < kPerThread; ++i) {
+      for (int i = 0; i < kPerThread; ++i)
         queue->async([&, t, i] { overlap.run([&] { ran.emplace_back(t, i); }); });
-      }
     });
   }
-  for (auto& thread : submitters) {
+  for (auto& thread : submitters)
     thread.join();
-  }
   const auto seen = queue->syncResult([&] { return ran; });
 
   ASSERT_EQ(seen.size(), std::size_t{kThreads * kPerThread});
@@ -112,37 +112,33 @@ TEST(SerialQueue, ConcurrentSyncAndAsyncAllRunOneAtATime) {
         queue->async([&] { overlap.run([&] { ++count; }); });
         queue->sync([&] {
           overlap.run([&] { ++count; });
-          if (std::this_thread::get_id() != self) {
+          if (std::this_thread::get_id() != self)
             syncOffCaller = true;
-          }
         });
       }
     });
   }
-  for (auto& thread : callers) {
+  for (auto& thread : callers)
     thread.join();
-  }
   EXPECT_EQ(queue->syncResult([&] { return count; }), 2 * kThreads * kRounds);
   EXPECT_FALSE(overlap.overlapped());
   EXPECT_FALSE(syncOffCaller) << "sync must run the block on the calling thread";
 }
 
-TEST(SerialQueue, SyncWaitsForEarlierBlocksAndCarriesResultsOut) {
-  auto queue = SerialQueue::create("test.sync-result");
+// sync waits for earlier blocks and for a suspended queue's resume, carries
+// results out, and releases the queue when its block throws.
+TEST(SerialQueue, SyncWaitsItsTurnCarriesResultsOutAndSurvivesAThrow) {
+  auto queue = SerialQueue::create("test.sync");
   int value = 0;
   queue->async([&] {
     std::this_thread::sleep_for(20ms);
     value = 42;
   });
   EXPECT_EQ(queue->syncResult([&] { return value; }), 42);
-
   auto owned = queue->syncResult([] { return std::make_unique<int>(7); });
   ASSERT_NE(owned, nullptr);
   EXPECT_EQ(*owned, 7);
-}
 
-TEST(SerialQueue, SyncOnSuspendedQueueWaitsForResume) {
-  auto queue = SerialQueue::create("test.sync-suspended");
   queue->suspend();
   Semaphore done;
   std::atomic<bool> ran{false};
@@ -156,14 +152,11 @@ TEST(SerialQueue, SyncOnSuspendedQueueWaitsForResume) {
   EXPECT_TRUE(done.wait(soon()));
   caller.join();
   EXPECT_TRUE(ran);
-}
 
-TEST(SerialQueue, ThrowingSyncBlockReleasesTheQueue) {
-  auto queue = SerialQueue::create("test.sync-throw");
   EXPECT_THROW(queue->sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
-  Semaphore ran;
-  queue->async([&] { ran.signal(); });
-  EXPECT_TRUE(ran.wait(soon()));
+  Semaphore released;
+  queue->async([&] { released.signal(); });
+  EXPECT_TRUE(released.wait(soon()));
 }
 
 TEST(SerialQueue, IsCurrentOnlyWhileRunningItsBlocks) {
@@ -173,9 +166,8 @@ TEST(SerialQueue, IsCurrentOnlyWhileRunningItsBlocks) {
   Semaphore onPoolThread;
   outer->async([&] {
     outer->assertCurrent("async block");
-    if (!inner->isCurrent()) {
+    if (!inner->isCurrent())
       onPoolThread.signal();
-    }
   });
   EXPECT_TRUE(onPoolThread.wait(soon()));
   const bool bothInNestedSync = outer->syncResult(
@@ -184,13 +176,15 @@ TEST(SerialQueue, IsCurrentOnlyWhileRunningItsBlocks) {
   EXPECT_FALSE(outer->isCurrent());
 }
 
-TEST(SerialQueueDeathTest, SyncOntoOwnQueueAborts) {
+// Misuse stops the process, naming the queue: a sync onto the queue the
+// caller runs on (directly or through another queue's sync), asserting a
+// queue off it, resuming one that is not suspended.
+TEST(SerialQueueDeathTest, MisuseAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   auto queue = SerialQueue::create("test.reentrant");
+  auto other = SerialQueue::create("test.other");
   EXPECT_DEATH(queue->sync([&] { queue->sync([] {}); }),
                "sync onto queue 'test.reentrant' from a block running on it would deadlock");
-
-  auto other = SerialQueue::create("test.other");
   EXPECT_DEATH(
       {
         Semaphore never;
@@ -198,21 +192,10 @@ TEST(SerialQueueDeathTest, SyncOntoOwnQueueAborts) {
         never.wait(soon());
       },
       "sync onto queue 'test.reentrant'");
-}
-
-TEST(SerialQueueDeathTest, AssertCurrentOffQueueAborts) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  auto queue = SerialQueue::create("test.assert");
-  auto other = SerialQueue::create("test.elsewhere");
-  EXPECT_DEATH(queue->assertCurrent("Tester::poke"), "Tester::poke.*'test.assert'");
+  EXPECT_DEATH(queue->assertCurrent("Tester::poke"), "Tester::poke.*'test.reentrant'");
   EXPECT_DEATH(other->sync([&] { queue->assertCurrent("Tester::poke"); }),
-               "Tester::poke.*'test.assert'");
-}
-
-TEST(SerialQueueDeathTest, ResumeWithoutSuspendAborts) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  auto queue = SerialQueue::create("test.resume");
-  EXPECT_DEATH(queue->resume(), "'test.resume'.*not suspended");
+               "Tester::poke.*'test.reentrant'");
+  EXPECT_DEATH(queue->resume(), "'test.reentrant'.*not suspended");
 }
 
 TEST(GlobalPool, KeepsRunningBlocksWhileManyThreadsBlock) {
@@ -227,21 +210,88 @@ TEST(GlobalPool, KeepsRunningBlocksWhileManyThreadsBlock) {
       finished->signal();
     });
   }
-  for (int i = 0; i < kBlocked; ++i) {
+  for (int i = 0; i < kBlocked; ++i)
     ASSERT_TRUE(started->wait(soon())) << "only " << i << " blocks started";
-  }
   EXPECT_GE(globalPoolStats().threads, std::size_t{kBlocked});
 
   Semaphore ran;
   globalAsync([&] { ran.signal(); });
   EXPECT_TRUE(ran.wait(soon()));
 
-  for (int i = 0; i < kBlocked; ++i) {
+  for (int i = 0; i < kBlocked; ++i)
     gate->signal();
-  }
-  for (int i = 0; i < kBlocked; ++i) {
+  for (int i = 0; i < kBlocked; ++i)
     ASSERT_TRUE(finished->wait(soon()));
+}
+
+// Blocked callers may hold every ordinary thread; the drains of serial
+// queues, which everyone waits for, still get threads of their own.
+TEST(GlobalPool, SerialQueuesKeepRunningWhenEveryOrdinaryThreadIsBlocked) {
+  constexpr std::size_t kLimit = 4;
+  setOrdinaryThreadLimitForTesting(kLimit);
+  auto gate = std::make_shared<Semaphore>();
+  auto started = std::make_shared<Semaphore>();
+  for (std::size_t i = 0; i < kLimit; ++i) {
+    globalAsync([=] {
+      started->signal();
+      gate->wait();
+    });
   }
+  for (std::size_t i = 0; i < kLimit; ++i)
+    ASSERT_TRUE(started->wait(soon()));
+  Semaphore ordinaryRan;
+  globalAsync([&] { ordinaryRan.signal(); });
+  EXPECT_FALSE(ordinaryRan.wait(shortly())) << "the limit holds ordinary blocks back";
+
+  auto queue = SerialQueue::create("test.reserve");
+  Semaphore queueRan;
+  for (int i = 0; i < 3; ++i)
+    queue->async([&] { queueRan.signal(); });
+  for (int i = 0; i < 3; ++i)
+    EXPECT_TRUE(queueRan.wait(soon()));
+  EXPECT_TRUE(queue->syncResult([] { return true; }));
+
+  gate->signal();
+  EXPECT_TRUE(ordinaryRan.wait(soon())) << "a freed thread takes the waiting block";
+  for (std::size_t i = 1; i < kLimit; ++i)
+    gate->signal();
+  setOrdinaryThreadLimitForTesting(kOrdinaryThreadLimit);
+}
+
+// A block that throws is reported, and its pool thread, its queue and its
+// group all go on.
+TEST(Dispatch, ABlockThatThrowsIsReportedAndTheRestRuns) {
+  static std::mutex mutex;
+  static std::vector<std::string> reports;
+  static Semaphore reported;
+  auto previous = setUncaughtExceptionHandler([](const char* where, const char* what) {
+    {
+      std::lock_guard lock(mutex);
+      reports.push_back(std::string(where) + ": " + what);
+    }
+    reported.signal();
+  });
+  auto queue = SerialQueue::create("test.throwing");
+  auto group = Group::create();
+  Semaphore ran;
+  globalAsync([] { throw std::runtime_error("from the pool"); });
+  queue->async([] { throw std::runtime_error("from a queue"); });
+  queue->async([&] { ran.signal(); });
+  group->async([] { throw 42; });
+  EXPECT_TRUE(ran.wait(soon()));
+  EXPECT_TRUE(group->wait(soon()));
+  globalAsync([&] { ran.signal(); });
+  EXPECT_TRUE(ran.wait(soon()));
+  // A group's member leaves as its block unwinds, before the report.
+  for (int i = 0; i < 3; ++i)
+    EXPECT_TRUE(reported.wait(soon()));
+
+  setUncaughtExceptionHandler(previous);
+  std::lock_guard lock(mutex);
+  std::sort(reports.begin(), reports.end());
+  EXPECT_EQ(reports, (std::vector<std::string>{"global queue: an exception of unknown type",
+                                               "global queue: from the pool",
+                                               "test.throwing: from a queue"}));
 }
 
 TEST(Semaphore, DeadlineWaitsTimeOutUnlessSignalled) {
@@ -273,7 +323,7 @@ TEST(Deadline, AfterSaturatesInsteadOfOverflowing) {
   EXPECT_LE(deadline, MonotonicClock::now() + 1s);
 }
 
-TEST(Group, WaitReturnsOnceEveryMemberHasLeft) {
+TEST(Group, WaitsForEveryMemberOnThePoolAndOnSerialQueues) {
   auto group = Group::create();
   EXPECT_TRUE(group->wait(after(0ns))) << "an empty group is done";
   group->enter();
@@ -283,10 +333,7 @@ TEST(Group, WaitReturnsOnceEveryMemberHasLeft) {
   EXPECT_FALSE(group->wait(after(10ms)));
   group->leave();
   EXPECT_TRUE(group->wait(shortly()));
-}
 
-TEST(Group, TracksBlocksOnThePoolAndOnSerialQueues) {
-  auto group = Group::create();
   auto queue = SerialQueue::create("test.group");
   Semaphore release;
   std::atomic<int> ran{0};
@@ -294,9 +341,8 @@ TEST(Group, TracksBlocksOnThePoolAndOnSerialQueues) {
   for (int i = 0; i < 10; ++i) {
     group->async([&] { ++ran; });
     group->async(queue, [&] {
-      if (!queue->isCurrent()) {
+      if (!queue->isCurrent())
         offQueue = true;
-      }
       ++ran;
     });
   }

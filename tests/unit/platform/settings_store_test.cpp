@@ -4,17 +4,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "platform/store/deferred_sync.h"
+#include "platform/store/durable_copy.h"
 #include "platform/store/settings_store.h"
 #include "platform/values/plist_io.h"
 #include "platform/values/value.h"
@@ -33,6 +34,12 @@ void writeBytes(const fs::path& path, const std::vector<std::uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()),
             static_cast<std::streamsize>(bytes.size()));
+}
+
+// The stored value of `key`, null when there is none.
+Value valueAt(const SettingsStore& store, const std::string& key) {
+  const auto* value = store.objectForKey(key);
+  return value != nullptr ? *value : Value();
 }
 
 const std::vector<std::uint8_t> kGarbage = {'n', 'o', 't', ' ', 'a',  ' ', 'p',
@@ -56,9 +63,8 @@ class SettingsStoreTest : public testing::Test {
   std::vector<fs::path> movedAside() const {
     std::vector<fs::path> found;
     for (const auto& entry : fs::directory_iterator(dir_)) {
-      if (entry.path().filename().string().starts_with("store.plist.corrupt-")) {
+      if (entry.path().filename().string().starts_with("store.plist.corrupt-"))
         found.push_back(entry.path());
-      }
     }
     return found;
   }
@@ -67,33 +73,11 @@ class SettingsStoreTest : public testing::Test {
   fs::path path_;
 };
 
-TEST_F(SettingsStoreTest, ValuesSurviveReopeningAndMissingDirectoriesAreCreated) {
-  const fs::path nested = dir_ / "a" / "b" / "store.plist";
-  SettingsStore::Diagnostics diagnostics;
-  auto store = SettingsStore::open(nested, &diagnostics);
-  ASSERT_NE(store, nullptr) << diagnostics.warning;
-  EXPECT_TRUE(diagnostics.warning.empty()) << diagnostics.warning;
-  EXPECT_TRUE(fs::is_directory(nested.parent_path()));
-  EXPECT_EQ(store->objectForKey("missing"), nullptr);
-
-  const Value dict(Value::Dictionary{{"n", Value(-3)}, {"d", Value(Value::Data{0, 1})}});
-  std::string error;
-  ASSERT_TRUE(store->setObject("dict", dict, &error)) << error;
-  ASSERT_TRUE(store->setObject("gone", Value("x"), &error)) << error;
-  ASSERT_TRUE(store->setObject("gone", std::nullopt, &error)) << error;
-  EXPECT_EQ(store->objectForKey("gone"), nullptr);
-
-  store = SettingsStore::open(nested);
-  ASSERT_NE(store, nullptr);
-  ASSERT_NE(store->objectForKey("dict"), nullptr);
-  EXPECT_EQ(*store->objectForKey("dict"), dict);
-  EXPECT_EQ(store->objectForKey("gone"), nullptr);
-}
-
 TEST_F(SettingsStoreTest, UnreadableOrNonDictionaryFilesAreMovedAsideNotDeleted) {
   const std::vector<std::vector<std::uint8_t>> bad = {
       kGarbage, encodePlist(Value(Value::Array{Value(1)}), PlistFormat::kBinary)};
   for (const auto& bytes : bad) {
+    fs::remove(dir_ / "store.plist.backup");  // nothing to fall back on
     writeBytes(path_, bytes);
     SettingsStore::Diagnostics diagnostics;
     auto store = SettingsStore::open(path_, &diagnostics);
@@ -103,36 +87,36 @@ TEST_F(SettingsStoreTest, UnreadableOrNonDictionaryFilesAreMovedAsideNotDeleted)
     ASSERT_TRUE(store->setObject("fresh", Value(1)));
   }
   // Both happened within the same second; neither copy may overwrite the other.
-  const auto aside = movedAside();
-  ASSERT_EQ(aside.size(), 2u);
-  std::vector<std::string> contents, expected;
-  for (const auto& path : aside) {
-    const auto bytes = readBytes(path);
-    contents.emplace_back(bytes.begin(), bytes.end());
-  }
-  for (const auto& bytes : bad)
-    expected.emplace_back(bytes.begin(), bytes.end());
-  std::sort(contents.begin(), contents.end());
-  std::sort(expected.begin(), expected.end());
+  std::vector<std::vector<std::uint8_t>> contents, expected = bad;
+  for (const auto& path : movedAside())
+    contents.push_back(readBytes(path));
+  std::ranges::sort(contents);
+  std::ranges::sort(expected);
   EXPECT_EQ(contents, expected);
 }
 
-TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverTheSpareHeld) {
-  // A writer killed while filling the spare leaves it half-written, longer
-  // than what comes next and readable by everyone; none of that may show.
-  writeBytes(dir_ / "store.plist.next", std::vector<std::uint8_t>(100000, 'x'));
-  fs::permissions(dir_ / "store.plist.next", fs::perms(0644));
-  writeBytes(dir_ / "store.plist.tmp", kGarbage);
+TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverWasLeftBeside) {
+  // A writer killed while filling the next file leaves it half-written, longer
+  // than what comes next, readable by everyone, or a symbolic link; none of
+  // that may show, and nothing is written through a link.
+  const fs::path victim = dir_ / "victim";
+  writeBytes(victim, kGarbage);
+  fs::create_symlink(victim, dir_ / "store.plist.next");
   auto store = SettingsStore::open(path_);
   ASSERT_NE(store, nullptr);
+  std::string error;
+  ASSERT_TRUE(store->setObject("first", Value(0), &error)) << error;
+  EXPECT_EQ(readBytes(victim), kGarbage);
+  writeBytes(dir_ / "store.plist.next", std::vector<std::uint8_t>(100000, 'x'));
+  fs::permissions(dir_ / "store.plist.next", fs::perms(0644));
+
   // Growing, then shrinking, contents.
   auto check = [&](std::size_t entries) {
     const auto parsed = parsePlist(readBytes(path_));
     ASSERT_TRUE(parsed.value.has_value()) << entries << ": " << parsed.error;
     ASSERT_EQ(parsed.value->get<Value::Dictionary>().size(), entries);
   };
-  std::string error;
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 1; i < 100; ++i) {
     ASSERT_TRUE(store->setObject("key" + std::to_string(i), Value(i), &error)) << error;
     check(static_cast<std::size_t>(i) + 1);
   }
@@ -141,32 +125,150 @@ TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverTheSpareHeld) {
     check(static_cast<std::size_t>(i));
   }
   EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0600));
-  // Only the store and its spare; nothing else of its own piles up.
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir_))
-    names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names,
-            (std::vector<std::string>{"store.plist", "store.plist.next", "store.plist.tmp"}));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(dir_ / "store.plist.next")));
 
   store = SettingsStore::open(path_);
   ASSERT_NE(store, nullptr);
-  ASSERT_NE(store->objectForKey("key49"), nullptr);
-  EXPECT_EQ(*store->objectForKey("key49"), Value(49));
+  EXPECT_EQ(valueAt(*store, "key49"), Value(49));
   EXPECT_EQ(store->objectForKey("key50"), nullptr);
   EXPECT_TRUE(movedAside().empty());
 }
 
-TEST_F(SettingsStoreTest, ASpareThatIsASymlinkIsNotFollowed) {
-  const fs::path victim = dir_ / "victim";
-  writeBytes(victim, kGarbage);
-  fs::create_symlink(victim, dir_ / "store.plist.next");
+// Makes one chosen file operation fail: `failAt` counts calls of `op` from 1.
+class FaultyFiles : public StoreFiles {
+ public:
+  enum class Op { kOpen, kWrite, kShortWrite, kFdatasync, kClose, kRename };
+  FaultyFiles(Op op, int err, int failAt = 1) : op_(op), err_(err), failAt_(failAt) {}
+
+  int open(const char* path, int flags, mode_t mode) override {
+    return fails(Op::kOpen) ? -1 : StoreFiles::open(path, flags, mode);
+  }
+  ssize_t write(int fd, const void* data, std::size_t size) override {
+    if (op_ == Op::kShortWrite && size > 1 && !shortened_) {
+      shortened_ = true;  // half goes to disk, the rest finds the disk full
+      return StoreFiles::write(fd, data, size / 2);
+    }
+    return fails(op_ == Op::kShortWrite ? Op::kShortWrite : Op::kWrite)
+               ? -1
+               : StoreFiles::write(fd, data, size);
+  }
+  int fdatasync(int fd) override { return fails(Op::kFdatasync) ? -1 : StoreFiles::fdatasync(fd); }
+  int close(int fd) override {
+    const int result = StoreFiles::close(fd);
+    return fails(Op::kClose) ? -1 : result;
+  }
+  int rename(const char* from, const char* to) override {
+    return fails(Op::kRename) ? -1 : StoreFiles::rename(from, to);
+  }
+  int exchange(const char* a, const char* b) override {
+    return fails(Op::kRename) ? -1 : StoreFiles::exchange(a, b);
+  }
+
+ private:
+  bool fails(Op op) {
+    if (op != op_ || ++calls_ != failAt_)
+      return false;
+    errno = err_;
+    return true;
+  }
+  Op op_;
+  int err_;
+  int failAt_;
+  int calls_ = 0;
+  bool shortened_ = false;
+};
+
+TEST_F(SettingsStoreTest, AWriteThatFailsAtAnyStepLosesNothing) {
+  using Op = FaultyFiles::Op;
+  const std::vector<std::pair<Op, int>> faults = {
+      {Op::kOpen, EACCES},  {Op::kWrite, EIO}, {Op::kShortWrite, ENOSPC},
+      {Op::kWrite, ENOSPC}, {Op::kClose, EIO}, {Op::kRename, EIO},
+  };
+  for (const auto& [op, err] : faults) {
+    SCOPED_TRACE(::testing::Message() << "step " << static_cast<int>(op) << ", " << err);
+    {
+      auto store = SettingsStore::open(path_);
+      ASSERT_NE(store, nullptr);
+      ASSERT_TRUE(store->setObject("k", Value("old")));
+    }
+    FaultyFiles files(op, err);
+    auto store = SettingsStore::open(path_, nullptr, files);
+    ASSERT_NE(store, nullptr);
+    std::string error;
+    EXPECT_FALSE(store->setObject("k", Value(std::string(5000, 'n')), &error));
+    EXPECT_NE(error.find(std::strerror(err)), std::string::npos) << error;
+    EXPECT_EQ(valueAt(*store, "k"), Value("old")) << "memory keeps what the disk holds";
+    EXPECT_FALSE(fs::exists(dir_ / "store.plist.next"));
+    store.reset();
+    store = SettingsStore::open(path_);
+    EXPECT_EQ(valueAt(*store, "k"), Value("old"));
+    EXPECT_TRUE(movedAside().empty());
+  }
+}
+
+TEST_F(SettingsStoreTest, ABackupRoundThatFailsAtAnyStepKeepsThePreviousBackup) {
+  using Op = FaultyFiles::Op;
+  const fs::path backup = dir_ / "copy";
+  const std::vector<std::uint8_t> previous = {1, 2, 3};
+  for (const auto& [op, err] : std::vector<std::pair<Op, int>>{{Op::kOpen, EACCES},
+                                                               {Op::kShortWrite, ENOSPC},
+                                                               {Op::kFdatasync, EIO},
+                                                               {Op::kClose, EIO},
+                                                               {Op::kRename, ENOSPC}}) {
+    SCOPED_TRACE(static_cast<int>(op));
+    writeBytes(backup, previous);
+    FaultyFiles files(op, err);
+    DurableCopy copy(backup, std::chrono::milliseconds(1), files);
+    std::string error;
+    EXPECT_FALSE(copy.writeNow(std::vector<std::uint8_t>(5000, 9), &error));
+    EXPECT_NE(error.find(std::strerror(err)), std::string::npos) << error;
+    EXPECT_EQ(readBytes(backup), previous);
+  }
+}
+
+// A power failure can leave the store file with only part of what was last
+// written. The checksum tells, and the last flushed backup takes its place.
+TEST_F(SettingsStoreTest, AStoreFileThatDidNotReachTheDiskWholeGivesWayToTheBackup) {
+  const fs::path backup = dir_ / "store.plist.backup";
+  {
+    auto store = SettingsStore::open(path_);
+    ASSERT_TRUE(store->setObject("k", Value(std::string(10000, 'a'))));
+  }  // the backup is flushed before the store closes
+  const auto flushed = readBytes(backup);
+  {
+    auto store = SettingsStore::open(path_);
+    ASSERT_TRUE(store->setObject("k", Value(std::string(10000, 'b'))));
+  }
+  const auto latest = readBytes(path_);
+  auto torn = [&](std::size_t from, std::size_t to) {
+    auto bytes = latest;
+    std::copy(flushed.begin() + static_cast<long>(from), flushed.begin() + static_cast<long>(to),
+              bytes.begin() + static_cast<long>(from));
+    return bytes;
+  };
+  const std::vector<std::vector<std::uint8_t>> spoilt = {
+      {},                                                                // nothing reached the disk
+      std::vector<std::uint8_t>(latest.begin(), latest.begin() + 4096),  // a prefix
+      torn(4096, 8192),  // one old block in the middle: still parses
+  };
+  for (const auto& bytes : spoilt) {
+    writeBytes(backup, flushed);  // as if the last flush had not happened
+    writeBytes(path_, bytes);
+    SettingsStore::Diagnostics diagnostics;
+    auto store = SettingsStore::open(path_, &diagnostics);
+    EXPECT_NE(diagnostics.warning.find("restored"), std::string::npos) << diagnostics.warning;
+    EXPECT_EQ(valueAt(*store, "k"), Value(std::string(10000, 'a')));
+  }
+  EXPECT_EQ(movedAside().size(), 3u);
+
+  // A sound store file is the newest: the backup is only a fallback, and
+  // files other programs wrote carry no checksum and are read as they are.
+  writeBytes(path_, encodePlist(Value(Value::Dictionary{{"k", Value(3)}}), PlistFormat::kBinary));
   auto store = SettingsStore::open(path_);
-  ASSERT_NE(store, nullptr);
-  std::string error;
-  EXPECT_FALSE(store->setObject("k", Value(1), &error));
-  EXPECT_FALSE(error.empty());
-  EXPECT_EQ(readBytes(victim), kGarbage);
+  EXPECT_EQ(valueAt(*store, "k"), Value(3));
+  const auto copied = parsePlist(readBytes(backup));
+  ASSERT_TRUE(copied.value.has_value()) << "opening brings the backup up to date";
+  EXPECT_EQ(*copied.value, Value(Value::Dictionary{{"k", Value(3)}}));
 }
 
 TEST_F(SettingsStoreTest, SynchronizePicksUpAnotherWritersChanges) {
@@ -177,14 +279,12 @@ TEST_F(SettingsStoreTest, SynchronizePicksUpAnotherWritersChanges) {
   ASSERT_TRUE(writer->setObject("k", Value(1)));
   std::string error;
   ASSERT_TRUE(reader->synchronize(&error)) << error;
-  ASSERT_NE(reader->objectForKey("k"), nullptr);
-  EXPECT_EQ(*reader->objectForKey("k"), Value(1));
+  EXPECT_EQ(valueAt(*reader, "k"), Value(1));
 
   // Same size and possibly the same mtime tick as the previous contents.
   ASSERT_TRUE(writer->setObject("k", Value(2)));
   ASSERT_TRUE(reader->synchronize(&error)) << error;
-  ASSERT_NE(reader->objectForKey("k"), nullptr);
-  EXPECT_EQ(*reader->objectForKey("k"), Value(2));
+  EXPECT_EQ(valueAt(*reader, "k"), Value(2));
 
   writeBytes(path_, kGarbage);
   EXPECT_FALSE(reader->synchronize(&error));
@@ -193,9 +293,8 @@ TEST_F(SettingsStoreTest, SynchronizePicksUpAnotherWritersChanges) {
 }
 
 TEST_F(SettingsStoreTest, UnwritableDirectoryFailsToOpen) {
-  if (::geteuid() == 0) {
+  if (::geteuid() == 0)
     GTEST_SKIP() << "root ignores directory permissions";
-  }
   fs::permissions(dir_, fs::perms::owner_read | fs::perms::owner_exec);
   for (const fs::path& path : {path_, dir_ / "sub" / "store.plist"}) {
     SettingsStore::Diagnostics diagnostics;
@@ -204,31 +303,33 @@ TEST_F(SettingsStoreTest, UnwritableDirectoryFailsToOpen) {
   }
 }
 
-// Many writes in a burst, from several threads, share one flush; a flush
-// still comes for writes made while the previous one ran.
-TEST(DeferredSync, CoalescesABurstAndFlushesWhatCameLater) {
-  const auto path = fs::temp_directory_path() / ("deferred-sync-" + std::to_string(::getpid()));
-  writeBytes(path, {1, 2, 3});
-  DeferredSync sync(path, std::chrono::milliseconds(100));
+// Many changes in a burst, from several threads, share one round, which
+// writes the newest; a round still comes for changes made while one ran.
+TEST(DurableCopy, CoalescesABurstAndKeepsTheNewest) {
+  const auto path = fs::temp_directory_path() / ("durable-copy-" + std::to_string(::getpid()));
+  DurableCopy copy(path, std::chrono::milliseconds(100));
   auto waitForFlushes = [&](unsigned long n) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (sync.flushes() < n && std::chrono::steady_clock::now() < deadline)
+    while (copy.flushes() < n && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return sync.flushes() >= n;
+    return copy.flushes() >= n;
   };
   std::vector<std::thread> writers;
   for (int t = 0; t < 4; ++t) {
-    writers.emplace_back([&] {
+    writers.emplace_back([&copy, t] {
       for (int i = 0; i < 50; ++i)
-        sync.schedule();
+        copy.schedule(std::make_shared<const std::vector<std::uint8_t>>(
+            std::vector<std::uint8_t>{static_cast<std::uint8_t>(t), static_cast<std::uint8_t>(i)}));
     });
   }
   for (auto& w : writers)
     w.join();
   ASSERT_TRUE(waitForFlushes(1));
-  EXPECT_LE(sync.flushes(), 2u);
-  sync.schedule();
+  EXPECT_LE(copy.flushes(), 2u);
+  copy.schedule(std::make_shared<const std::vector<std::uint8_t>>(std::vector<std::uint8_t>{7}));
   EXPECT_TRUE(waitForFlushes(2));
+  EXPECT_EQ(copy.lastError(), "");
+  EXPECT_EQ(readBytes(path), std::vector<std::uint8_t>{7});
   fs::remove(path);
 }
 

@@ -4,7 +4,6 @@
 #include <limits>
 #include <string>
 
-#include "platform/clock/clock.h"
 #include "platform/values/value.h"
 
 namespace vantor {
@@ -86,15 +85,6 @@ TEST(ValueDescription, ScalarsAndContainers) {
   EXPECT_EQ(Value(R"(say "hi")").description(), R"("say \"hi\"")");
   const Value nested(Value::Array{Value(Value::Dictionary{{"k", Value(Value::Array{})}})});
   EXPECT_EQ(nested.description(), R"(({"k" = ();}))");
-}
-
-TEST(Clock, InjectedWallClockIsSeenUntilRestored) {
-  clock::setWallClockForTesting([] { return kNovember22; });
-  EXPECT_EQ(clock::now(), kNovember22);
-  clock::setWallClockForTesting({});
-  // Back on the system clock: any time after 2020 will do.
-  EXPECT_GT(clock::now().microsecondsSinceEpoch, 1'577'836'800LL * 1'000'000);
-  EXPECT_NE(clock::now(), kNovember22);
 }
 
 }  // namespace

@@ -60,6 +60,9 @@ TEST_F(Policy, GrantsTheUnionOfEveryMatchingFile) {
   write("exe.plist", Value(Value::Dictionary{
                          {"Executables", strings({"/usr/bin/tool"})},
                          {"com.tessaly.private.Vantor", strings({"PURGEABLE_ENTITLEMENT"})}}));
+  // A file without subjects applies to nobody.
+  write("none.plist", Value(Value::Dictionary{
+                          {"com.tessaly.private.Vantor", strings({"NOTIFICATION_ENTITLEMENT"})}}));
   std::vector<std::string> warnings;
   auto policy = EntitlementPolicy::load(dir_, &warnings);
   EXPECT_TRUE(warnings.empty());
@@ -69,13 +72,9 @@ TEST_F(Policy, GrantsTheUnionOfEveryMatchingFile) {
   EXPECT_EQ(policy.namesFor(peer(999, {5}, "/usr/bin/tool")),
             std::set<std::string>{"PURGEABLE_ENTITLEMENT"});
   EXPECT_TRUE(policy.namesFor(peer(999, {5}, "/usr/bin/other")).empty());
-}
-
-TEST_F(Policy, AFileWithoutSubjectsAppliesToNobody) {
-  write("none.plist",
-        Value(Value::Dictionary{{"com.tessaly.private.Vantor", strings({"CLIENT_ENTITLEMENT"})}}));
-  auto policy = EntitlementPolicy::load(dir_, nullptr);
-  EXPECT_TRUE(policy.namesFor(peer(0, {0}, "/bin/sh")).empty());
+  EXPECT_EQ(policy.namesFor(peer(0, {0}, "/bin/sh")), std::set<std::string>{"CLIENT_ENTITLEMENT"});
+  // A missing directory is an empty policy.
+  EXPECT_TRUE(EntitlementPolicy::load(dir_ / "missing", nullptr).rules().empty());
 }
 
 TEST_F(Policy, SkipsBadFilesAndUnknownNamesWithWarnings) {
@@ -90,11 +89,6 @@ TEST_F(Policy, SkipsBadFilesAndUnknownNamesWithWarnings) {
   auto policy = EntitlementPolicy::load(dir_, &warnings);
   EXPECT_EQ(warnings.size(), 4u);
   EXPECT_EQ(policy.namesFor(peer(42)), std::set<std::string>{"CLIENT_ENTITLEMENT"});
-}
-
-TEST_F(Policy, AMissingDirectoryIsAnEmptyPolicy) {
-  auto policy = EntitlementPolicy::load(dir_ / "missing", nullptr);
-  EXPECT_TRUE(policy.rules().empty());
 }
 
 TEST_F(Policy, AConnectionWithoutIdentityHoldsNothing) {

@@ -76,31 +76,33 @@ TEST_F(RecentInfo, ArchivesEveryAmountTypeAndReadsItBack) {
 
 TEST_F(RecentInfo, MalformedArchivesAreRefusedWithAReason) {
   const auto good = archiveRecentInfo(*rootRecord({{"com.example.a", answer(Value(1))}}));
+  // Edits go through checked accessors: a wrong shape throws and fails the
+  // test instead of dereferencing nothing.
   auto variant = [&](auto edit) {
-    Value archive = *parsePlist(good).value;
-    edit(archive);
+    Value archive = parsePlist(good).value.value();
+    edit(archive.get<Value::Dictionary>());
     return encodePlist(archive, PlistFormat::kBinary);
   };
-  auto objects = [](Value& archive) -> Value::Array& {
-    return *archive.asDictionary()->at("$objects").asArray();
+  auto objects = [](Value::Dictionary& archive) -> Value::Array& {
+    return archive.at("$objects").get<Value::Array>();
   };
   const std::vector<std::vector<std::uint8_t>> bad = {
       {'n', 'o', 'p', 'e'},
       encodePlist(Value(Value::Array{}), PlistFormat::kBinary),
-      variant([](Value& a) { a.asDictionary()->at("$objects") = Value("x"); }),
-      variant([](Value& a) {
-        a.asDictionary()->at("$top") = Value(Value::Dictionary{
+      variant([](Value::Dictionary& a) { a.at("$objects") = Value("x"); }),
+      variant([](Value::Dictionary& a) {
+        a.at("$top") = Value(Value::Dictionary{
             {"root", Value(Value::Dictionary{{"CF$UID", Value(std::uint64_t{9999})}})}});
       }),
       // The root's volumes refer back to the root itself.
-      variant([&](Value& a) {
-        objects(a)[1].asDictionary()->at("volumes") =
+      variant([&](Value::Dictionary& a) {
+        objects(a).at(1).get<Value::Dictionary>().at("volumes") =
             Value(Value::Dictionary{{"CF$UID", Value(std::uint64_t{1})}});
       }),
-      variant([&](Value& a) {
+      variant([&](Value::Dictionary& a) {
         for (auto& o : objects(a)) {
           if (o.find("$classname") && *o.find("$classname") == Value("VantorRecentInfo"))
-            o.asDictionary()->at("$classname") = Value("SomethingElse");
+            o.get<Value::Dictionary>().at("$classname") = Value("SomethingElse");
         }
       }),
   };

@@ -49,13 +49,6 @@ TEST(MountInfo, AnEmptyTableStillHasTheRootVolume) {
   EXPECT_EQ(localVolumesFrom({}), std::vector<std::string>{"/"});
 }
 
-TEST(Volumes, ValidatesOnlyLocalVolumesOfTheInfo) {
-  EXPECT_TRUE(validateVolume(Value(Value::Dictionary{{"VANTOR_VOLUME", Value("/")}})));
-  EXPECT_FALSE(validateVolume(Value(Value::Dictionary{{"VANTOR_VOLUME", Value("/proc")}})));
-  EXPECT_FALSE(validateVolume(Value(Value::Dictionary{{"VANTOR_VOLUME", Value("")}})));
-  EXPECT_FALSE(validateVolume(Value(Value::Dictionary{})));
-}
-
 TEST(Volumes, AmountPurgedIsTheGainInFreeSpaceAndNeverNegative) {
   const std::uint64_t now = volumeFreespace("/");
   ASSERT_GT(now, 0u);

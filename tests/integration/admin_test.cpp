@@ -1,0 +1,215 @@
+// The administration interface against the real daemon and real services:
+// what it lists, the history and signal of a purge, the statistics, and who
+// may ask.
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <future>
+
+#include <gtest/gtest.h>
+
+#include "platform/values/dbus_value.h"
+#include "platform/values/plist_io.h"
+#include "support/test_context.h"
+
+namespace vantor::test {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr char kAdmin[] = "com.tessaly.vantor.Admin";
+constexpr std::uint64_t kMiB = 1 << 20;
+
+using NamedEntries = std::vector<sdbus::Struct<std::string, VariantMap>>;
+
+class Admin : public ::testing::Test {
+ protected:
+  void start(std::vector<std::string> names, std::map<std::string, std::string> env = {}) {
+    ASSERT_TRUE(ctx_.startDaemonGranting(names, env));
+    client_ = ctx_.connect();
+    proxy_ = sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor");
+  }
+
+  std::map<std::string, Value::Dictionary> named(const std::string& method) {
+    NamedEntries reply;
+    proxy_->callMethod(method).onInterface(kAdmin).storeResultsTo(reply);
+    std::map<std::string, Value::Dictionary> out;
+    for (const auto& entry : reply)
+      out.emplace(std::get<0>(entry), fromVariantMap(std::get<1>(entry)));
+    return out;
+  }
+  Value::Dictionary statistics() {
+    std::map<std::string, VariantMap> reply;
+    proxy_->callMethod("GetStatistics").onInterface(kAdmin).storeResultsTo(reply);
+    Value::Dictionary out;
+    for (const auto& [name, summary] : reply)
+      out.emplace(name, Value(fromVariantMap(summary)));
+    return out;
+  }
+  Value::Array history() {
+    std::vector<VariantMap> reply;
+    proxy_->callMethod("GetPurgeHistory").onInterface(kAdmin).storeResultsTo(reply);
+    Value::Array out;
+    for (const auto& entry : reply)
+      out.emplace_back(fromVariantMap(entry));
+    return out;
+  }
+  Value::Dictionary call(const std::string& method, Value::Dictionary info) {
+    return callClient(*client_, method, info);
+  }
+
+  TestContext ctx_;
+  std::unique_ptr<sdbus::IConnection> client_;
+  std::unique_ptr<sdbus::IProxy> proxy_;
+};
+
+// The listing shows how descriptors read: in either encoding, an ID alone
+// makes a purging service, an empty list of kinds neither kind, any
+// VANTOR_DO_NOT_QUERY marks it, notification names are a set, and of two
+// descriptors of one ID the one read last wins.
+TEST_F(Admin, ListsDescriptorAndCheckedInServicesAndTheVolumesWithTheirThresholds) {
+  auto list = [](std::initializer_list<const char*> items) {
+    Value::Array a;
+    for (const char* i : items)
+      a.emplace_back(i);
+    return Value(a);
+  };
+  const auto binary =
+      encodePlist(Value(Value::Dictionary{{"VANTOR_ID", Value("com.example.tidy")},
+                                          {"VANTOR_SERVICES", list({"PERIODIC"})},
+                                          {"VANTOR_DO_NOT_QUERY", Value(false)},
+                                          {"VANTOR_NOTIFICATIONS", list({"N1", "N1", "N2"})}}),
+                  PlistFormat::kBinary);
+  ctx_.writeFile(ctx_.descriptorDir() / "tidy.plist", std::string(binary.begin(), binary.end()));
+  ctx_.writeDescriptor("plain.plist", Value(Value::Dictionary{{"VANTOR_ID", Value("plain")}}));
+  ctx_.writeDescriptor("neither.plist", Value(Value::Dictionary{{"VANTOR_ID", Value("neither")},
+                                                                {"VANTOR_SERVICES", list({})}}));
+  ctx_.writeDescriptor("one.plist", Value(Value::Dictionary{{"VANTOR_ID", Value("same")},
+                                                            {"VANTOR_SERVICES", list({"PURGE"})}}));
+  ctx_.writeDescriptor("two.plist",
+                       Value(Value::Dictionary{{"VANTOR_ID", Value("same")},
+                                               {"VANTOR_SERVICES", list({"PERIODIC"})}}));
+  start({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT"},
+        {{"VANTOR_LOWDISK_BYTES", "2"}, {"VANTOR_VERYLOWDISK_BYTES", "1"}});
+  auto service = checkedInService(ctx_, "com.example.a", {"--opt-out"});
+  // Its answer carries an opt-out, which the listing shows while in force.
+  call("ClientPurgeableSpace", {{"VANTOR_VOLUME", Value("/")}});
+
+  auto services = named("ListServices");
+  ASSERT_EQ(services.size(), 5u);
+  Value::Dictionary& tidy = services["com.example.tidy"];
+  EXPECT_EQ(tidy["origin"], Value("descriptor"));
+  EXPECT_EQ(tidy["PERIODIC"], Value(true));
+  EXPECT_EQ(tidy["PURGE"], Value(false));
+  EXPECT_EQ(tidy["DO_NOT_QUERY"], Value(true));
+  EXPECT_EQ(tidy["NOTIFICATIONS"], list({"N1", "N2"}));
+  EXPECT_EQ(tidy.count("busName"), 0u);
+  EXPECT_EQ(services["plain"]["PURGE"], Value(true));
+  EXPECT_EQ(services["plain"]["PERIODIC"], Value(false));
+  EXPECT_EQ(services["plain"]["DO_NOT_QUERY"], Value(false));
+  EXPECT_EQ(services["plain"]["NOTIFICATIONS"], list({}));
+  EXPECT_EQ(services["neither"]["PURGE"], Value(false));
+  EXPECT_EQ(services["neither"]["PERIODIC"], Value(false));
+  // Which file is read last is the directory's order, which the log shows.
+  const std::string log = ctx_.daemonLog();
+  const auto one = log.rfind("/one.plist"), two = log.rfind("/two.plist");
+  ASSERT_TRUE(one != std::string::npos && two != std::string::npos) << log;
+  EXPECT_EQ(services["same"]["PERIODIC"], Value(two > one));
+  EXPECT_EQ(services["same"]["PURGE"], Value(one > two));
+
+  Value::Dictionary& checkedIn = services["com.example.a"];
+  EXPECT_EQ(checkedIn["origin"], Value("checkin"));
+  EXPECT_EQ(checkedIn["PURGE"], Value(true));
+  EXPECT_TRUE(checkedIn["busName"].isString() && !checkedIn["busName"].get<std::string>().empty());
+  EXPECT_EQ(checkedIn["objectPath"], Value("/com/tessaly/vantor/Service"));
+  EXPECT_EQ(checkedIn["inFlight"], Value(Value::Array{}));
+  EXPECT_TRUE(checkedIn["optedOutAt"].isDate()) << Value(checkedIn).description();
+
+  auto volumes = named("GetVolumes");
+  ASSERT_EQ(volumes.count("/"), 1u);
+  Value::Dictionary& root = volumes["/"];
+  EXPECT_GT(root["size"].uint64Value(), 0u);
+  EXPECT_LE(root["available"].uint64Value(), root["size"].uint64Value());
+  EXPECT_EQ(root["lowThreshold"].uint64Value(), 2u);
+  EXPECT_EQ(root["veryLowThreshold"].uint64Value(), 1u);
+  EXPECT_EQ(root["low"], Value(false));
+  EXPECT_EQ(root["veryLow"], Value(false));
+}
+
+TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAskedAndAnswered) {
+  start(
+      {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT"});
+  std::promise<Value::Dictionary> signalled;
+  auto watcher = sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor");
+  watcher->uponSignal("PurgeFinished").onInterface(kAdmin).call([&](const VariantMap& purge) {
+    signalled.set_value(fromVariantMap(purge));
+  });
+  watcher->finishRegistration();
+  auto service = checkedInService(ctx_, "com.example.a", {"--amount", "1048576"});
+  EXPECT_TRUE(history().empty());
+
+  call("ClientPurgeableSpace", {{"VANTOR_VOLUME", Value("/")}});
+  // Far more than the volume could free: every level is worked.
+  const std::uint64_t asked = 3'000'000'000'000;
+  const auto result = call("ClientPurge", {{"VANTOR_VOLUME", Value("/")},
+                                           {"VANTOR_AMOUNT", Value(asked)},
+                                           {"VANTOR_URGENCY_LIMIT", Value(2)}});
+
+  // What the service printed it was asked, request by request.
+  service->waitForLine(std::string(1, '\0'), std::chrono::milliseconds(100));
+  std::uint64_t sharesAsked = 0;
+  std::uint64_t requests = 0;
+  for (const auto& line : service->lines()) {
+    if (auto request = purgeRequestOf(line)) {
+      sharesAsked += request->second;
+      ++requests;
+    }
+  }
+  ASSERT_EQ(requests, 2u);
+
+  const Value::Array purges = history();
+  ASSERT_EQ(purges.size(), 1u);
+  Value::Dictionary entry = purges[0].get<Value::Dictionary>();
+  EXPECT_EQ(entry["requestedBy"], Value("client"));
+  EXPECT_EQ(entry["uid"].int64Value(), static_cast<std::int64_t>(::getuid()));
+  EXPECT_EQ(entry["pid"].int64Value(), static_cast<std::int64_t>(::getpid()));
+  EXPECT_EQ(entry["executable"], Value(std::filesystem::read_symlink("/proc/self/exe").string()));
+  EXPECT_TRUE(entry["date"].isDate());
+  EXPECT_EQ(entry["volume"], Value("/"));
+  EXPECT_EQ(entry["asked"].uint64Value(), asked);
+  EXPECT_EQ(entry["freed"].uint64Value(), result.at("VANTOR_AMOUNT").uint64Value());
+  EXPECT_EQ(entry["reported"].uint64Value(), 2 * kMiB);
+  EXPECT_EQ(entry["levels"], Value(Value::Array{Value(1), Value(2)}));
+  EXPECT_TRUE(entry["cancelled"].isBoolean());
+  Value::Dictionary share =
+      entry["services"].get<Value::Dictionary>()["com.example.a"].get<Value::Dictionary>();
+  EXPECT_EQ(share["asked"].uint64Value(), sharesAsked);
+  EXPECT_EQ(share["reported"].uint64Value(), 2 * kMiB);
+  EXPECT_EQ(share["requests"].uint64Value(), requests);
+  EXPECT_GT(share["nanoseconds"].uint64Value(), 0u);
+
+  auto fromSignal = signalled.get_future();
+  ASSERT_EQ(fromSignal.wait_for(seconds(10)), std::future_status::ready);
+  EXPECT_EQ(Value(fromSignal.get()), Value(entry));
+  EXPECT_TRUE(ctx_.waitForLog("purge finished", seconds(10)));
+
+  Value::Dictionary stats = statistics();
+  auto figures = [&](const std::string& name) {
+    Value::Dictionary* found = stats[name].asDictionary();
+    return found != nullptr ? *found : Value::Dictionary{};
+  };
+  Value::Dictionary requested = figures("com.tessaly.vantor/VantorPurgeAmountRequested");
+  EXPECT_EQ(requested["count"].uint64Value(), 1u);
+  EXPECT_EQ(requested["sum"].doubleValue(), static_cast<double>(asked));
+  Value::Dictionary purged = figures("com.tessaly.vantor/com.example.a.purged");
+  EXPECT_EQ(purged["count"].uint64Value(), requests);
+  EXPECT_EQ(purged["sum"].doubleValue(), static_cast<double>(2 * kMiB));
+  EXPECT_EQ(purged["last"].doubleValue(), static_cast<double>(kMiB));
+  EXPECT_EQ(figures("com.tessaly.vantor/com.example.a_purgeableElapsedNanoseconds")["count"]
+                .uint64Value(),
+            1u);
+}
+
+}  // namespace
+}  // namespace vantor::test

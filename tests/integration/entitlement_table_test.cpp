@@ -1,0 +1,197 @@
+// Every method the daemon exports, called by callers holding no entitlement,
+// each one alone, the client entitlement with each other one, and all of
+// them, against a table of the answer each caller must get.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "support/test_context.h"
+
+namespace vantor::test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+enum class Answer { kDenied, kNull, kSilence, kServed };
+
+const char* nameOf(Answer answer) {
+  static const char* const kNamesOfAnswers[] = {"AccessDenied", "null reply", "silence", "served"};
+  return kNamesOfAnswers[static_cast<int>(answer)];
+}
+
+const std::vector<std::string> kNames = {
+    "CLIENT_ENTITLEMENT",      "SERVICE_ENTITLEMENT",
+    "PURGEABLE_ENTITLEMENT",   "ITEMIZED_PURGEABLE_ENTITLEMENT",
+    "PURGE_ENTITLEMENT",       "CANCEL_PURGE_ENTITLEMENT",
+    "PERIODIC_ENTITLEMENT",    "SERVICE_REQUEST_ENTITLEMENT",
+    "NOTIFICATION_ENTITLEMENT"};
+
+struct Method {
+  std::string interface;
+  std::string name;
+  // Beyond the client entitlement: the name the method needs, and what a
+  // caller without it gets.
+  std::string needs;
+  Answer without;
+};
+
+const std::vector<Method> kMethods = {
+    {"com.tessaly.vantor.Client", "ClientCheckin", "SERVICE_ENTITLEMENT", Answer::kSilence},
+    {"com.tessaly.vantor.Client", "ClientPurgeableSpace", "PURGEABLE_ENTITLEMENT", Answer::kNull},
+    {"com.tessaly.vantor.Client", "ClientItemizedPurgeableSpace", "ITEMIZED_PURGEABLE_ENTITLEMENT",
+     Answer::kNull},
+    {"com.tessaly.vantor.Client", "ClientPurge", "PURGE_ENTITLEMENT", Answer::kNull},
+    {"com.tessaly.vantor.Client", "ClientCancelPurge", "", Answer::kServed},
+    {"com.tessaly.vantor.Client", "ClientSetState", "", Answer::kServed},
+    {"com.tessaly.vantor.Client", "ClientGetState", "", Answer::kServed},
+    {"com.tessaly.vantor.Admin", "ListServices", "", Answer::kServed},
+    {"com.tessaly.vantor.Admin", "GetVolumes", "", Answer::kServed},
+    {"com.tessaly.vantor.Admin", "GetStatistics", "", Answer::kServed},
+    {"com.tessaly.vantor.Admin", "GetPurgeHistory", "", Answer::kServed},
+};
+
+// The table: what a caller holding `held` gets from `method`.
+Answer expected(const Method& method, const std::set<std::string>& held) {
+  if (held.count("CLIENT_ENTITLEMENT") == 0)
+    return Answer::kDenied;
+  if (method.needs.empty() || held.count(method.needs) > 0)
+    return Answer::kServed;
+  return method.without;
+}
+
+// Each check-in names an ID of its own, so none is the re-check-in of an
+// earlier one, and an endpoint nobody owns, so the daemon's ping fails fast.
+void addArguments(const Method& method, sdbus::MethodCall& call, int serial) {
+  std::map<std::string, sdbus::Variant> info{{"VANTOR_VOLUME", sdbus::Variant(std::string("/"))}};
+  if (method.name == "ClientCheckin") {
+    call << "com.example.table" + std::to_string(serial)
+         << sdbus::Struct<std::string, sdbus::ObjectPath>{std::string(":1.999999"),
+                                                          sdbus::ObjectPath("/x")}
+         << std::map<std::string, sdbus::Variant>{{"PURGE", sdbus::Variant(true)}};
+  } else if (method.name == "ClientPurge") {
+    info.emplace("VANTOR_AMOUNT", sdbus::Variant(std::uint64_t{1}));
+    info.emplace("VANTOR_URGENCY", sdbus::Variant(std::int32_t{1}));
+    call << info;
+  } else if (method.name == "ClientSetState") {
+    call << std::vector<sdbus::Variant>{sdbus::Variant(std::string("v"))} << std::string("KEY");
+  } else if (method.name == "ClientGetState") {
+    call << std::string("KEY");
+  } else if (method.interface == "com.tessaly.vantor.Client" &&
+             method.name != "ClientCancelPurge") {
+    call << info;
+  }
+}
+
+// Calls `method` and classifies the answer; silence is a call unanswered
+// within `quiet`, once a later call on the same connection has been answered
+// (so the daemon had seen the first one and chose not to answer).
+Answer call(sdbus::IConnection& connection, const Method& method, int serial, milliseconds quiet,
+            std::string* detail) {
+  auto proxy = sdbus::createProxy(connection, "com.tessaly.vantor", "/com/tessaly/vantor");
+  auto message = proxy->createMethodCall(method.interface, method.name);
+  addArguments(method, message, serial);
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::optional<Answer> answer;
+  auto pending = proxy->callMethod(
+      message,
+      [&](sdbus::MethodReply& reply, const sdbus::Error* error) {
+        Answer got = Answer::kServed;
+        if (error != nullptr) {
+          *detail = error->getName() + ": " + error->getMessage();
+          got = error->getName() == "org.freedesktop.DBus.Error.AccessDenied" ? Answer::kDenied
+                                                                              : Answer::kNull;
+          if (got == Answer::kNull)
+            *detail = "unexpected error " + *detail;
+        } else if (method.interface == "com.tessaly.vantor.Client" &&
+                   (method.name == "ClientCheckin" || method.name.ends_with("PurgeableSpace") ||
+                    method.name == "ClientPurge")) {
+          std::map<std::string, sdbus::Variant> dict;
+          reply >> dict;
+          got = dict.empty() ? Answer::kNull : Answer::kServed;
+        }
+        std::lock_guard lock(mutex);
+        answer = got;
+        cv.notify_all();
+      },
+      seconds(30));
+  std::unique_lock lock(mutex);
+  if (cv.wait_for(lock, quiet, [&] { return answer.has_value(); }))
+    return *answer;
+  lock.unlock();
+  // Proves the daemon serves this caller: an answer to a later call.
+  const std::string later = callForError(connection, "ClientGetState",
+                                         [](sdbus::MethodCall& m) { m << std::string("KEY"); });
+  lock.lock();
+  pending.cancel();  // the handler refers to this frame
+  if (answer)
+    return *answer;
+  if (!later.empty()) {
+    *detail = "no answer, and the later call failed with " + later;
+    return Answer::kDenied;
+  }
+  return Answer::kSilence;
+}
+
+TEST(TheEntitlementTable, HoldsForEveryMethodAndEveryCaller) {
+  TestContext ctx;
+  ASSERT_TRUE(ctx.startDaemonGranting({}));
+
+  std::vector<std::set<std::string>> callers = {{}};
+  for (const auto& name : kNames)
+    callers.push_back({name});
+  for (const auto& name : kNames) {
+    if (name != "CLIENT_ENTITLEMENT")
+      callers.push_back({"CLIENT_ENTITLEMENT", name});
+  }
+  callers.push_back(std::set<std::string>(kNames.begin(), kNames.end()));
+
+  int serial = 0;
+  for (const auto& held : callers) {
+    // Installs the caller's policy and waits until the daemon has read it.
+    const std::size_t loads = ctx.logCount("entitlement rules in force");
+    ctx.grantUser("me.plist", ::getuid(), std::vector<std::string>(held.begin(), held.end()));
+    ctx.daemon().signal(SIGHUP);
+    const auto deadline = std::chrono::steady_clock::now() + seconds(10);
+    while (ctx.logCount("entitlement rules in force") == loads &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(milliseconds(10));
+    ASSERT_GT(ctx.logCount("entitlement rules in force"), loads);
+
+    std::string holder;
+    for (const auto& name : held)
+      holder += name + " ";
+    auto connection = ctx.connect();
+    for (const auto& method : kMethods) {
+      std::string detail;
+      const Answer want = expected(method, held);
+      const Answer got = call(*connection, method, ++serial,
+                              want == Answer::kSilence ? milliseconds(500) : seconds(20), &detail);
+      EXPECT_EQ(nameOf(got), std::string(nameOf(want)))
+          << method.name << " by [" << holder << "] " << detail;
+    }
+  }
+  EXPECT_TRUE(
+      ctx.waitForLog("clientPurgeableSpace:replyBlock:] Connection is not entitled!", seconds(5)));
+  // Check-ins naming a bus name that does not exist were answered (above),
+  // then forgotten.
+  EXPECT_TRUE(ctx.waitForLog("invalidationHandler ENTRY", seconds(10)));
+  EXPECT_FALSE(ctx.daemon().waitExit(milliseconds(0)));
+}
+
+}  // namespace
+}  // namespace vantor::test

@@ -1,0 +1,178 @@
+// The low-space monitor of the real daemon: thresholds, purges, the LowSpace
+// signal, hysteresis and the repeat, driven by the documented variables.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/low_space.h"
+#include "support/test_context.h"
+#include "support/volumes.h"
+
+namespace vantor::test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::uint64_t kGiB = 1ULL << 30;
+
+struct LowSpaceSignal {
+  std::string volume;
+  std::uint64_t available = 0;
+  std::uint64_t threshold = 0;
+  bool veryLow = false;
+};
+
+// Records the daemon's LowSpace signals. Subscribed before the daemon starts,
+// so the first poll's signal is not missed.
+class LowSpaceSignals {
+ public:
+  explicit LowSpaceSignals(TestContext& ctx) : connection_(ctx.connect()) {
+    proxy_ = sdbus::createProxy(*connection_, "com.tessaly.vantor", "/com/tessaly/vantor");
+    proxy_->uponSignal("LowSpace")
+        .onInterface("com.tessaly.vantor.Notify")
+        .call([this](const std::string& volume, std::uint64_t available, std::uint64_t threshold,
+                     bool veryLow) {
+          std::lock_guard lock(mutex_);
+          seen_.push_back({volume, available, threshold, veryLow});
+          cv_.notify_all();
+        });
+    proxy_->finishRegistration();
+  }
+
+  // The signals for `volume` once there are `count` of them, or nullopt at
+  // the deadline.
+  std::optional<std::vector<LowSpaceSignal>> waitFor(const std::string& volume, std::size_t count,
+                                                     milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    std::vector<LowSpaceSignal> matching;
+    const bool reached = cv_.wait_for(lock, timeout, [&] {
+      matching.clear();
+      for (const auto& s : seen_) {
+        if (s.volume == volume)
+          matching.push_back(s);
+      }
+      return matching.size() >= count;
+    });
+    if (!reached)
+      return std::nullopt;
+    return matching;
+  }
+
+ private:
+  std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<sdbus::IProxy> proxy_;
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  std::vector<LowSpaceSignal> seen_;
+};
+
+TEST(LowSpace, AVolumeBelowTheThresholdIsAnnouncedAndPurgedWithTheFixedRequest) {
+  TestContext ctx;
+  ctx.writeDescriptor("cache.plist",
+                      Value(Value::Dictionary{{"VANTOR_ID", Value("com.example.cache")}}));
+  auto service = ctx.startService({"--id", "com.example.cache", "--own-name"});
+  ASSERT_TRUE(service->waitForLine("ready", seconds(10)));
+  LowSpaceSignals signals(ctx);
+
+  constexpr std::uint64_t kThreshold = 1ULL << 60;  // above any disk's free space
+  ASSERT_TRUE(ctx.startDaemon({{"VANTOR_LOWDISK_BYTES", std::to_string(kThreshold)},
+                               {"VANTOR_VERYLOWDISK_BYTES", "0"},
+                               {"VANTOR_LOWSPACE_POLL_SECONDS", "0.2"}}));
+
+  auto announced = signals.waitFor("/", 1, milliseconds(10'000));
+  ASSERT_TRUE(announced);
+  EXPECT_EQ((*announced)[0].threshold, kThreshold);
+  EXPECT_FALSE((*announced)[0].veryLow);
+  EXPECT_GT((*announced)[0].available, 0u);
+
+  // The fixed request, at urgency 1 first, for the whole 250 MiB.
+  auto request = service->waitForLine("purge ", seconds(10));
+  ASSERT_TRUE(request) << ctx.daemonLog();
+  EXPECT_EQ(request->rfind("purge 1 ", 0), 0u) << *request;
+  EXPECT_NE(request->find("\"VANTOR_VOLUME\" = \"/\""), std::string::npos) << *request;
+  EXPECT_NE(request->find("\"VANTOR_AMOUNT\" = 262144000"), std::string::npos) << *request;
+  EXPECT_TRUE(ctx.waitForLog("caught VQ_LOWDISK", seconds(5)));
+  EXPECT_TRUE(ctx.waitForLog("/ is low on space: ", seconds(5)));
+}
+
+// Free space moves around the threshold by allocating and removing a file
+// on the volume that holds the test's directory.
+TEST(LowSpace, CrossingBackAndForthFiresOnceUntilTheRepeat) {
+  TestContext ctx;
+  const auto dir = ctx.stateDir().parent_path();
+  struct stat dirStat {};
+  ASSERT_EQ(::stat(dir.c_str(), &dirStat), 0);
+  std::string volume;
+  for (const auto& candidate : getLocalVolumes()) {
+    struct stat st {};
+    if (::stat(candidate.c_str(), &st) == 0 && st.st_dev == dirStat.st_dev) {
+      volume = candidate;
+      break;
+    }
+  }
+  if (volume.empty())
+    GTEST_SKIP() << "the temporary directory is not on a local volume";
+  const auto space = volumeSpace(volume);
+  ASSERT_TRUE(space);
+  if (space->available < 8 * kGiB)
+    GTEST_SKIP() << "needs 8 GiB free on " << volume;
+
+  // The line lies 1.5 GiB below the free space: a 3 GiB file takes the volume
+  // under it, and removing the file brings it back above the line but not
+  // above 1.25 × the line.
+  const std::uint64_t threshold = space->available - 3 * kGiB / 2;
+  constexpr auto kRepeat = seconds(4);
+  constexpr auto kPoll = milliseconds(100);
+  LowSpaceSignals signals(ctx);
+  ASSERT_TRUE(ctx.startDaemon({{"VANTOR_LOWDISK_BYTES", std::to_string(threshold)},
+                               {"VANTOR_VERYLOWDISK_BYTES", "0"},
+                               {"VANTOR_LOWSPACE_POLL_SECONDS", "0.1"},
+                               {"VANTOR_LOWSPACE_REPEAT_SECONDS", "4"}}));
+  ASSERT_TRUE(ctx.waitForLog("watching ", seconds(5)));
+
+  // Above the line nothing happens.
+  const std::string eventLine = "event for " + volume + ",";
+  EXPECT_FALSE(signals.waitFor(volume, 1, 5 * kPoll)) << ctx.daemonLog();
+
+  const auto ballast = dir / "ballast";
+  auto fill = [&] {
+    const int fd = ::open(ballast.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::fallocate(fd, 0, 0, 3 * kGiB), 0);
+    ::close(fd);
+  };
+  fill();
+  ASSERT_TRUE(signals.waitFor(volume, 1, seconds(5))) << ctx.daemonLog();
+  const auto firstEvent = Clock::now();
+
+  // Back and forth across the line, each state held for a few polls.
+  for (int i = 0; i < 3; ++i) {
+    std::filesystem::remove(ballast);
+    std::this_thread::sleep_for(3 * kPoll);
+    fill();
+    std::this_thread::sleep_for(3 * kPoll);
+  }
+  ASSERT_LT(Clock::now() - firstEvent, kRepeat - seconds(1));
+  EXPECT_EQ(ctx.logCount(eventLine), 1u) << ctx.daemonLog();
+
+  // While the volume stays low the event comes again after the repeat
+  // interval, without another signal.
+  ASSERT_TRUE(waitUntil([&] { return ctx.logCount(eventLine) >= 2; }, seconds(10)))
+      << ctx.daemonLog();
+  EXPECT_GE(Clock::now() - firstEvent, kRepeat - milliseconds(200));
+  EXPECT_EQ(ctx.logCount(eventLine), 2u);
+  EXPECT_EQ(signals.waitFor(volume, 1, milliseconds(0))->size(), 1u);
+  std::filesystem::remove(ballast);
+}
+
+}  // namespace
+}  // namespace vantor::test

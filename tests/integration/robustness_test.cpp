@@ -1,0 +1,184 @@
+// The daemon under conditions it does not choose: a flood of callers that
+// block, a bus that goes away, a store file spoilt while it runs.
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "support/test_context.h"
+
+namespace vantor::test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+TEST(TheDaemon, IsReadyOnceItServesAndExitsWithStatusOneWhenItLosesTheBus) {
+  TestContext ctx;
+  const auto socketPath = ctx.directory() / "notify";
+  const int sock = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(sock, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  socketPath.string().copy(addr.sun_path, sizeof(addr.sun_path) - 1);
+  ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  // Started by hand: the harness waits for the bus name, which would hide a
+  // readiness notification sent before it.
+  ChildProcess daemon({VANTORD_BINARY},
+                      {{"DBUS_SYSTEM_BUS_ADDRESS", ctx.busAddress()},
+                       {"ZEPHON_SIMULATOR_ROOT", ctx.root().string()},
+                       {"STATE_DIRECTORY", ctx.stateDir().string()},
+                       {"VANTOR_LOG_LEVEL", "3"},
+                       {"NOTIFY_SOCKET", socketPath.string()}},
+                      ctx.directory() / "vantord.log");
+
+  pollfd waiting{sock, POLLIN, 0};
+  ASSERT_EQ(::poll(&waiting, 1, 20000), 1) << "no readiness notification";
+  char message[256] = {};
+  ASSERT_GT(::recv(sock, message, sizeof(message) - 1, 0), 0);
+  ::close(sock);
+  EXPECT_NE(std::string(message).find("READY=1"), std::string::npos) << message;
+  {
+    // Ready means serving: the name is taken by then.
+    auto client = ctx.connect();
+    auto proxy = sdbus::createProxy(*client, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    bool owned = false;
+    proxy->callMethod("NameHasOwner")
+        .onInterface("org.freedesktop.DBus")
+        .withArguments(std::string("com.tessaly.vantor"))
+        .storeResultsTo(owned);
+    EXPECT_TRUE(owned);
+  }
+
+  // Neither hanging on nor spinning: it leaves, reporting a failure, so the
+  // service manager starts it again.
+  ctx.stopBus();
+  const auto status = daemon.waitExit(seconds(20));
+  ASSERT_TRUE(status) << "vantord kept running without its bus";
+  ASSERT_TRUE(WIFEXITED(*status)) << "status " << *status;
+  EXPECT_EQ(WEXITSTATUS(*status), 1);
+  EXPECT_TRUE(ctx.waitForLog("lost the bus connection", seconds(1))) << ctx.daemonLog();
+}
+
+// A service that never answers its ping holds registration and the
+// purgeable-space callers, but not client state.
+TEST(AFloodOfBlockedCallers, IsRefusedBeyondItsShareAndClientStateStillAnswers) {
+  constexpr int kConnections = 6;
+  constexpr int kCallsEach = 250;  // 1,500 in all
+  TestContext ctx;
+  ASSERT_TRUE(ctx.startDaemonGranting(
+      {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT"}));
+  auto mute = ctx.startService({"--id", "com.example.mute", "--checkin", "--no-pong"});
+  ASSERT_TRUE(mute->waitForLine("ping", seconds(10))) << ctx.daemonLog();
+
+  std::atomic<int> refused{0}, answered{0}, other{0};
+  std::mutex firstOtherMutex;
+  std::string firstOther;
+  std::vector<std::unique_ptr<sdbus::IConnection>> connections;
+  std::vector<std::unique_ptr<sdbus::IProxy>> proxies;
+  const std::map<std::string, sdbus::Variant> info{
+      {"VANTOR_VOLUME", sdbus::Variant(std::string("/"))}};
+  for (int c = 0; c < kConnections; ++c) {
+    connections.push_back(ctx.connect());
+    // One call first, so the daemon knows the caller before the flood.
+    ASSERT_EQ(probeState(*connections.back()), "");
+    proxies.push_back(
+        sdbus::createProxy(*connections.back(), "com.tessaly.vantor", "/com/tessaly/vantor"));
+    for (int i = 0; i < kCallsEach; ++i) {
+      proxies.back()
+          ->callMethodAsync("ClientPurgeableSpace")
+          .onInterface("com.tessaly.vantor.Client")
+          .withTimeout(std::chrono::seconds(120))
+          .withArguments(info)
+          .uponReplyInvoke(
+              [&](const sdbus::Error* error, const std::map<std::string, sdbus::Variant>&) {
+                if (error == nullptr) {
+                  ++answered;
+                } else if (error->getName() == "org.freedesktop.DBus.Error.LimitsExceeded") {
+                  ++refused;
+                } else if (++other == 1) {
+                  std::lock_guard lock(firstOtherMutex);
+                  firstOther = error->getName() + ": " + error->getMessage();
+                }
+              });
+    }
+  }
+  // Each connection gets its share; the rest is refused at once.
+  const int admitted = kConnections * 64;
+  ASSERT_TRUE(waitUntil([&] { return refused.load() >= kConnections * kCallsEach - admitted; },
+                        seconds(60)))
+      << refused.load() << " refused; log:\n"
+      << ctx.daemonLog();
+  EXPECT_EQ(answered.load(), 0);
+  EXPECT_TRUE(ctx.waitForLog("refusing calls from", seconds(5)));
+
+  auto client = ctx.connect();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(probeState(*client), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
+
+  // Registration waits behind the unanswered ping as well.
+  auto waiting = ctx.startService({"--id", "com.example.waiting", "--checkin"});
+  ASSERT_TRUE(waiting->waitForLine("ready", seconds(10)));
+  EXPECT_FALSE(waiting->waitForLine("ping", milliseconds(500)));
+
+  // Once the mute service goes away its ping fails, registration resumes and
+  // everyone admitted is answered.
+  mute->signal(SIGKILL);
+  EXPECT_TRUE(waiting->waitForLine("ping", seconds(10)));
+  EXPECT_TRUE(waiting->waitForLine("checked-in", seconds(10)));
+  EXPECT_TRUE(waitUntil([&] { return answered.load() == admitted; }, seconds(60)))
+      << answered.load() << " answered";
+  EXPECT_EQ(refused.load(), kConnections * kCallsEach - admitted);
+  std::lock_guard lock(firstOtherMutex);
+  EXPECT_EQ(other.load(), 0) << firstOther;
+}
+
+// A stored string that is not valid UTF-8 could not travel on the bus: it is
+// read with U+FFFD for each bad byte, and served like any other.
+TEST(AStoredStringThatIsNotUtf8, IsServedWithReplacementCharacters) {
+  TestContext ctx;
+  ctx.grantUser("me.plist", ::getuid(), {"CLIENT_ENTITLEMENT"});
+  ctx.writeFile(ctx.stateDir() / "com.tessaly.vantor.plist",
+                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                "<key>VANTOR_USER_DEFAULTS</key><dict><key>BAD</key><string>\xff\xfe</string>"
+                "<key>GOOD</key><string>fine</string></dict></dict></plist>\n");
+  ASSERT_TRUE(ctx.startDaemon({{"VANTOR_LOG_LEVEL", "3"}}));
+  auto client = ctx.connect();
+  EXPECT_EQ(getState(*client, "BAD"), Value("\xEF\xBF\xBD\xEF\xBF\xBD"));
+  EXPECT_EQ(getState(*client, "GOOD"), Value("fine"));
+}
+
+TEST(AStoreFileSpoiltWhileTheDaemonRuns, IsLoggedAndMovedAside) {
+  TestContext ctx;
+  ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT"}, {{"VANTOR_LOG_LEVEL", "3"}}));
+  auto client = ctx.connect();
+  ASSERT_EQ(setState(*client, "KEY", Value("kept")), "");
+  const auto store = ctx.stateDir() / "com.tessaly.vantor.plist";
+  ctx.writeFile(store, "not a property list");
+
+  EXPECT_EQ(probeState(*client), "");
+  EXPECT_TRUE(ctx.waitForLog("<3>", seconds(5)));
+  EXPECT_NE(ctx.daemonLog().find("is corrupt"), std::string::npos) << ctx.daemonLog();
+  EXPECT_TRUE(std::ranges::any_of(
+      std::filesystem::directory_iterator(ctx.stateDir()), [](const auto& entry) {
+        return entry.path().filename().string().starts_with("com.tessaly.vantor.plist.corrupt-");
+      }));
+}
+
+}  // namespace
+}  // namespace vantor::test

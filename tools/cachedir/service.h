@@ -1,0 +1,87 @@
+#pragma once
+
+// vantor-cachedir's answers to vantord. A background thread scans the
+// configured cache directories and publishes an immutable snapshot of their
+// indexes; purgeable answers read the latest snapshot and never wait for a
+// scan in progress. Purges and daily runs go one at a time on a worker
+// thread, so the bus thread is never held. A cancel stops every purge that
+// arrived before it, between two files.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "index.h"
+#include "purger.h"
+#include "vantor_service_kit.h"
+
+namespace vantor::cachedir {
+
+// Seconds a file must have gone unused before it may go at `urgency` (1 to
+// 4; others are clamped), before the directory's own "MinimumAge" applies.
+std::int64_t unusedFor(std::int32_t urgency);
+
+class CacheDirService final : public kit::Service {
+ public:
+  CacheDirService(std::filesystem::path configDir, std::chrono::seconds scanInterval);
+  ~CacheDirService() override;
+
+  // Re-reads the configuration, then rescans.
+  void reload();
+
+  void purgeable(std::int32_t urgency, const Value& info, DictionaryReply reply) override;
+  void purge(std::int32_t urgency, const Value& info, DictionaryReply reply) override;
+  void periodic(std::int32_t urgency, const Value& info, DictionaryReply reply) override;
+  void cancelPurge() override;
+  // {"Rescan": true}: answers once a scan that started after the call is
+  // published, with {"Directories": [paths], "Files": count, "Bytes": total}.
+  void callback(const Value& info, DictionaryReply reply) override;
+
+ private:
+  struct Snapshot {
+    std::vector<std::shared_ptr<const RootIndex>> roots;
+  };
+  struct PendingReply {
+    std::uint64_t generation;
+    std::shared_ptr<std::atomic<bool>> answered;
+    std::function<void(const Snapshot&)> answer;
+  };
+
+  void scanLoop();
+  void workLoop();
+  void enqueue(std::function<void()> job);
+  std::uint64_t requestScan();
+  std::shared_ptr<const Snapshot> scanAll(const std::vector<DirPolicy>& policies,
+                                          const Snapshot* previous);
+  // Waits for the first snapshot; null when the service stops or `gone()`.
+  std::shared_ptr<const Snapshot> firstSnapshot(const std::function<bool()>& gone);
+  static std::vector<const RootIndex*> rootsOn(const Snapshot& snapshot, const Value& info);
+
+  const std::filesystem::path configDir_;
+  const std::chrono::seconds scanInterval_;
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool stopping_ = false;
+  bool reloadPending_ = true;
+  std::uint64_t requested_ = 1;
+  std::uint64_t completed_ = 0;
+  std::shared_ptr<const Snapshot> snapshot_;
+  std::vector<PendingReply> pending_;
+  std::deque<std::function<void()>> jobs_;
+  std::atomic<std::uint64_t> cancelGeneration_{0};
+  std::atomic<bool> stopFlag_{false};
+
+  std::thread scanner_;
+  std::thread worker_;
+};
+
+}  // namespace vantor::cachedir

@@ -1,0 +1,37 @@
+#include "format.h"
+
+#include <cstdio>
+#include <iterator>
+
+namespace vantor::ctl {
+
+// Sizes in powers of 1024 with one decimal; below 1 KiB in whole bytes.
+std::string formatBytes(std::uint64_t bytes) {
+  static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  if (bytes < 1024)
+    return std::to_string(bytes) + " B";
+  double amount = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  // 1023.95 would print as 1024.0 of the smaller unit.
+  while (unit + 1 < std::size(kUnits) && amount >= 1023.95) {
+    amount /= 1024;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f %s", amount, kUnits[unit]);
+  return text;
+}
+
+std::string amountText(const Value& amount) {
+  if (amount.type() == Value::Type::kUnsigned)
+    return formatBytes(amount.get<std::uint64_t>());
+  if (amount.isNumber()) {
+    const std::int64_t n = amount.int64Value();
+    if (n < 0)
+      return "-" + formatBytes(std::uint64_t{0} - static_cast<std::uint64_t>(n));
+    return formatBytes(static_cast<std::uint64_t>(n));
+  }
+  return amount.description();
+}
+
+}  // namespace vantor::ctl

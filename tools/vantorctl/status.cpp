@@ -1,0 +1,139 @@
+#include "status.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <nlohmann/json.hpp>
+
+#include "client.h"
+#include "format.h"
+#include "platform/dbus/bus.h"
+#include "support/low_space.h"
+#include "support/volumes.h"
+
+namespace vantor::ctl {
+
+namespace {
+
+struct VolumeRow {
+  std::string volume;
+  VolumeSpace space;
+  LowSpaceThresholds thresholds;
+  std::uint64_t flags = 0;
+};
+
+// Whether someone owns vantord's name; nullopt when the bus cannot be
+// reached.
+std::optional<bool> daemonRunning(const std::optional<std::string>& bus) {
+  try {
+    auto connection =
+        bus ? sdbus::createSessionBusConnectionWithAddress(*bus) : dbus::openSystemBus();
+    auto proxy = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    bool owned = false;
+    proxy->callMethod("NameHasOwner")
+        .onInterface("org.freedesktop.DBus")
+        .withTimeout(DaemonClient::kCallTimeout)
+        .withArguments(std::string(dbus::kBusName))
+        .storeResultsTo(owned);
+    return owned;
+  } catch (const sdbus::Error&) {
+    return std::nullopt;
+  }
+}
+
+const char* stateText(std::uint64_t flags) {
+  if ((flags & kVqVeryLowDisk) != 0)
+    return "very low";
+  if ((flags & kVqLowDisk) != 0)
+    return "low";
+  return "ok";
+}
+
+void printTable(const std::vector<VolumeRow>& rows) {
+  std::vector<std::vector<std::string>> cells{
+      {"Volume", "Size", "Available", "Low below", "Very low below", "State"}};
+  for (const auto& row : rows) {
+    cells.push_back({row.volume, formatBytes(row.space.size), formatBytes(row.space.available),
+                     formatBytes(row.thresholds.low), formatBytes(row.thresholds.veryLow),
+                     stateText(row.flags)});
+  }
+  std::vector<std::size_t> widths(cells.front().size(), 0);
+  for (const auto& line : cells) {
+    for (std::size_t i = 0; i < line.size(); ++i)
+      widths[i] = std::max(widths[i], line[i].size());
+  }
+  for (const auto& line : cells) {
+    // The volume left-aligned, the figures right-aligned, the state last.
+    std::printf("%-*s", static_cast<int>(widths[0]), line[0].c_str());
+    for (std::size_t i = 1; i + 1 < line.size(); ++i)
+      std::printf("  %*s", static_cast<int>(widths[i]), line[i].c_str());
+    std::printf("  %s\n", line.back().c_str());
+  }
+}
+
+}  // namespace
+
+int runStatus(const std::optional<std::string>& bus, bool json) {
+  // The thresholds as vantord computes them, from the same variables when
+  // they are set in this environment too.
+  const LowSpaceSettings settings = LowSpaceSettings::fromEnvironment();
+  std::vector<VolumeRow> rows;
+  for (const auto& volume : getLocalVolumes()) {
+    const auto space = volumeSpace(volume);
+    if (!space)
+      continue;
+    const auto thresholds = thresholdsFor(space->size, settings);
+    rows.push_back({volume, *space, thresholds, lowSpaceFlags(space->available, thresholds)});
+  }
+  const std::optional<bool> running = daemonRunning(bus);
+  // A running vantord's own figures hold: its thresholds come from its
+  // environment. A caller it does not serve keeps the figures computed here.
+  bool fromDaemon = false;
+  if (running.value_or(false)) {
+    try {
+      std::vector<VolumeRow> asked;
+      for (const auto& [volume, fields] : DaemonClient(bus).volumes()) {
+        const Value entry(fields);
+        auto bytes = [&](const char* key) {
+          const Value* value = entry.find(key);
+          return value != nullptr ? value->uint64Value() : 0;
+        };
+        const LowSpaceThresholds thresholds{bytes("lowThreshold"), bytes("veryLowThreshold")};
+        const VolumeSpace space{bytes("size"), bytes("available")};
+        asked.push_back({volume, space, thresholds, lowSpaceFlags(space.available, thresholds)});
+      }
+      rows = std::move(asked);
+      fromDaemon = true;
+    } catch (const Failure&) {
+      // Not entitled, or a vantord without the administration interface.
+    }
+  }
+
+  if (json) {
+    nlohmann::json volumes = nlohmann::json::array();
+    for (const auto& row : rows) {
+      volumes.push_back({{"volume", row.volume},
+                         {"size", row.space.size},
+                         {"available", row.space.available},
+                         {"lowThreshold", row.thresholds.low},
+                         {"veryLowThreshold", row.thresholds.veryLow},
+                         {"low", (row.flags & kVqLowDisk) != 0},
+                         {"veryLow", (row.flags & kVqVeryLowDisk) != 0}});
+    }
+    std::printf("%s\n", nlohmann::json{{"volumes", volumes},
+                                       {"running", running.value_or(false)},
+                                       {"source", fromDaemon ? "vantord" : "local"}}
+                            .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+                            .c_str());
+  } else {
+    printTable(rows);
+    std::printf("\nvantord: %s\n", !running   ? "the bus cannot be reached"
+                                   : *running ? "running"
+                                              : "not running");
+  }
+  return running.value_or(false) ? 0 : 3;
+}
+
+}  // namespace vantor::ctl
