@@ -116,9 +116,9 @@ TEST(ADescriptorService, IsStartedByBusActivationAndReachedByItsId) {
     if (result.count("com.example.activated") != 0)
       answer = result["com.example.activated"];
     else
-      ASSERT_TRUE(waitUntil(
-          [&] { return ctx.logCount("serviceID: com.example.activated : ") > replies; },
-          seconds(20)))
+      ASSERT_TRUE(
+          waitUntil([&] { return ctx.logCount("serviceID: com.example.activated : ") > replies; },
+                    seconds(20)))
           << ctx.daemonLog();
   }
   EXPECT_EQ(answer, Value(std::uint64_t{4096}));
