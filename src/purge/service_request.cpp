@@ -62,7 +62,12 @@ void Vantor::sendServiceRequest(const std::shared_ptr<VTService>& service,
     return;
 
   auto self = shared_from_this();
-  CallServiceAsync(
+  // A checked-in service is reached without waiting on the bus daemon, so its
+  // request is sent from this queue at once: a level's requests then go out
+  // one after another without a hand-off each. A descriptor service may have
+  // to be looked up or started first, which must not hold up the others.
+  const auto call = service->xpcConn() ? &CallService : &CallServiceAsync;
+  call(
       service,
       [self, service, identifier, info, request, callback, donation](
           std::shared_ptr<VantorServiceProxy> proxy, std::function<void()> finish) {

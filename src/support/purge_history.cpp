@@ -42,23 +42,13 @@ Value::Dictionary PurgeHistory::finish(const void* key, const Value::Dictionary&
   Open open = std::move(it->second);
   open_.erase(it);
 
-  Value::Dictionary entry = std::move(open.fields);
+  Filed filed{std::move(open.fields), {open.services.begin(), open.services.end()}};
   for (const auto& [name, value] : figures)
-    entry.insert_or_assign(name, value);
-  entry.insert_or_assign("levels", Value(std::move(open.levels)));
-  entry.insert_or_assign("cancelled", Value(open.cancelled));
-  Value::Dictionary services;
-  for (const auto& [identifier, share] : open.services) {
-    services.emplace(identifier, Value(Value::Dictionary{
-                                     {"asked", Value(share.asked)},
-                                     {"reported", Value(share.reported)},
-                                     {"nanoseconds", Value(share.nanoseconds)},
-                                     {"requests", Value(share.requests)},
-                                 }));
-  }
-  entry.insert_or_assign("services", Value(std::move(services)));
-
-  filed_.emplace_front(entry);
+    filed.head.insert_or_assign(name, value);
+  filed.head.insert_or_assign("levels", Value(std::move(open.levels)));
+  filed.head.insert_or_assign("cancelled", Value(open.cancelled));
+  Value::Dictionary entry = filed.entry();
+  filed_.push_front(std::move(filed));
   if (filed_.size() > kCapacity)
     filed_.pop_back();
   return entry;
@@ -66,7 +56,26 @@ Value::Dictionary PurgeHistory::finish(const void* key, const Value::Dictionary&
 
 Value::Array PurgeHistory::entries() const {
   std::lock_guard lock(mutex_);
-  return Value::Array(filed_.begin(), filed_.end());
+  Value::Array entries;
+  entries.reserve(filed_.size());
+  for (const Filed& filed : filed_)
+    entries.emplace_back(filed.entry());
+  return entries;
+}
+
+Value::Dictionary PurgeHistory::Filed::entry() const {
+  Value::Dictionary entry = head;
+  Value::Dictionary shares;
+  for (const auto& [identifier, share] : services) {
+    shares.emplace(identifier, Value(Value::Dictionary{
+                                   {"asked", Value(share.asked)},
+                                   {"reported", Value(share.reported)},
+                                   {"nanoseconds", Value(share.nanoseconds)},
+                                   {"requests", Value(share.requests)},
+                               }));
+  }
+  entry.insert_or_assign("services", Value(std::move(shares)));
+  return entry;
 }
 
 }  // namespace vantor

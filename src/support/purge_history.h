@@ -6,6 +6,8 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/values/value.h"
 
@@ -51,10 +53,17 @@ class PurgeHistory {
     std::map<std::string, Share> services;
     bool cancelled = false;
   };
+  // A filed purge, kept compact: as values, the figures of a purge that
+  // asked a hundred services would take ten times the room.
+  struct Filed {
+    Value::Dictionary head;  // every field but the services'
+    std::vector<std::pair<std::string, Share>> services;
+    Value::Dictionary entry() const;
+  };
 
   mutable std::mutex mutex_;
   std::map<const void*, Open> open_;
-  std::deque<Value> filed_;
+  std::deque<Filed> filed_;
 };
 
 }  // namespace vantor
