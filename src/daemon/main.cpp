@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 
 #include "daemon/vantor.h"
@@ -49,9 +52,47 @@ void watchForReload() {
   }).detach();
 }
 
+// The allocator settings vantord runs with. Dozens of pool threads, most of
+// them waiting on a service or a queue at any moment, each kept a cache of
+// freed blocks of every size and could take an arena of its own: under a
+// steady load the daemon's memory grew with every thread that had ever
+// allocated, to twice what it holds. Without per-thread caches and with two
+// arenas (one per core of a small machine) it stays flat.
+constexpr char kAllocatorTunables[] = "glibc.malloc.tcache_count=0:glibc.malloc.arena_max=2";
+
+// The C library reads its allocator tunables only when a program starts, so
+// vantord starts itself once more with them added, before any thread exists.
+// An administrator who sets allocator tunables of their own gets exactly
+// those. When the process cannot be replaced it goes on with the defaults.
+void restartWithAllocatorTunables(char** argv) {
+  const char* given = std::getenv("GLIBC_TUNABLES");
+  const std::string current = given != nullptr ? given : "";
+  if (current.find("glibc.malloc.") != std::string::npos) {
+    return;  // set by the administrator, or by the start before this one
+  }
+  const std::string tunables =
+      current.empty() ? kAllocatorTunables : std::string(kAllocatorTunables) + ":" + current;
+  if (::setenv("GLIBC_TUNABLES", tunables.c_str(), 1) != 0) {
+    return;
+  }
+  // Started by its own path, not by /proc/self/exe, so the process keeps
+  // its name for ps, pkill and the journal.
+  char self[PATH_MAX];
+  const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) {
+    return;
+  }
+  self[length] = '\0';
+  ::execv(self, argv);
+  std::fprintf(stderr, "vantord: cannot restart with allocator settings: %s\n",
+               std::strerror(errno));
+}
+
 }  // namespace
 
-int main() {
+int main(int /*argc*/, char** argv) {
+  restartWithAllocatorTunables(argv);
+
   using vantor::sharedVantor;
 
   // Block SIGHUP before any thread exists, so every thread inherits the mask.

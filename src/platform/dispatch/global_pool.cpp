@@ -12,13 +12,14 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "platform/dispatch/time.h"
 
 namespace vantor::dispatch {
 namespace {
 
-constexpr auto kIdleRetirement = std::chrono::seconds(5);
+constexpr auto kIdleRetirement = std::chrono::seconds(1);
 
 void writeUncaught(const char* where, const char* what) {
   std::fprintf(stderr, "<3>%s: a block ended by throwing: %s\n", where, what);
@@ -34,6 +35,13 @@ std::atomic<UncaughtExceptionHandler> gUncaughtHandler{&writeUncaught};
 // such thread looks at the FIFOs at least once more, so a block never waits
 // for a thread that is busy, however long the running blocks take, unless the
 // ordinary limit holds it back.
+//
+// Idle threads are called on last in, first out. Steady work then keeps the
+// same few threads busy, and the threads a burst started stay idle until they
+// retire; were idle threads called on in turn, every one of them would be
+// called on again before it could retire, and the pool would keep the
+// largest size a burst ever gave it, each thread holding its own stack and
+// allocator cache.
 class Pool {
  public:
   void submit(Block block, Lane lane) {
@@ -44,10 +52,11 @@ class Pool {
       } else {
         ordinary_.push_back(std::move(block));
       }
-      if (idle_ > 0) {
-        --idle_;
-        ++wakeups_;
-        cv_.notify_one();
+      if (!idle_.empty()) {
+        Idle* const latest = idle_.back();
+        idle_.pop_back();
+        latest->calledOn = true;
+        latest->cv.notify_one();
         return;
       }
       if (lane == Lane::kOrdinary && ordinaryRunning_ >= limit_) {
@@ -60,7 +69,7 @@ class Pool {
 
   GlobalPoolStats stats() {
     std::lock_guard lock(mutex_);
-    return GlobalPoolStats{threads_, idle_, reserve_.size() + ordinary_.size()};
+    return GlobalPoolStats{threads_, idle_.size(), reserve_.size() + ordinary_.size()};
   }
 
   void setLimit(std::size_t limit) {
@@ -69,6 +78,12 @@ class Pool {
   }
 
  private:
+  // An idle thread, waiting on its own condition variable to be called on.
+  struct Idle {
+    std::condition_variable cv;
+    bool calledOn = false;
+  };
+
   void startThread() {
     try {
       std::thread([this] { work(); }).detach();
@@ -119,38 +134,28 @@ class Pool {
         }
       }
 
-      ++idle_;
+      Idle self;
+      idle_.push_back(&self);
       const Deadline retireAt = MonotonicClock::now() + kIdleRetirement;
-      bool calledOn = false;
-      for (;;) {
-        // Any idle thread may answer a call; the submitter already took one
-        // off `idle_` for it.
-        if (wakeups_ > 0) {
-          --wakeups_;
-          calledOn = true;
-          break;
+      while (!self.calledOn) {
+        if (self.cv.wait_until(lock, retireAt) == std::cv_status::timeout && !self.calledOn) {
+          // The submitter takes a thread off `idle_` when it calls on it, so
+          // one that was not called on is still there.
+          std::erase(idle_, &self);
+          --threads_;
+          return;
         }
-        if (cv_.wait_until(lock, retireAt) == std::cv_status::timeout && wakeups_ == 0) {
-          break;
-        }
-      }
-      if (!calledOn) {
-        --idle_;
-        --threads_;
-        return;
       }
     }
   }
 
   std::mutex mutex_;
-  std::condition_variable cv_;
   std::deque<Block> reserve_;
   std::deque<Block> ordinary_;
   std::size_t limit_ = kOrdinaryThreadLimit;
   std::size_t threads_ = 0;
   std::size_t ordinaryRunning_ = 0;
-  std::size_t idle_ = 0;     // waiting for work, not yet called on
-  std::size_t wakeups_ = 0;  // idle threads called on that have not woken yet
+  std::vector<Idle*> idle_;  // waiting for work, not yet called on; latest last
 };
 
 Pool& pool() {
