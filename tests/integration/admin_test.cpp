@@ -2,6 +2,7 @@
 // what it lists, the history and signal of a purge, the statistics, and who
 // may ask.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -39,12 +40,12 @@ class Admin : public ::testing::Test {
       out.emplace(std::get<0>(entry), fromVariantMap(std::get<1>(entry)));
     return out;
   }
-  Value::Dictionary statistics() {
+  std::map<std::string, Value::Dictionary> statistics() {
     std::map<std::string, VariantMap> reply;
     proxy_->callMethod("GetStatistics").onInterface(kAdmin).storeResultsTo(reply);
-    Value::Dictionary out;
+    std::map<std::string, Value::Dictionary> out;
     for (const auto& [name, summary] : reply)
-      out.emplace(name, Value(fromVariantMap(summary)));
+      out.emplace(name, fromVariantMap(summary));
     return out;
   }
   Value::Array history() {
@@ -64,10 +65,11 @@ class Admin : public ::testing::Test {
   std::unique_ptr<sdbus::IProxy> proxy_;
 };
 
-// The listing shows how descriptors read: in either encoding, an ID alone
-// makes a purging service, an empty list of kinds neither kind, any
-// VANTOR_DO_NOT_QUERY marks it, notification names are a set, and of two
-// descriptors of one ID the one read last wins.
+// The listing shows how descriptors read: in either encoding, also in a
+// subdirectory, an ID alone makes a purging service, an empty list of kinds
+// neither kind, any VANTOR_DO_NOT_QUERY marks it, notification names are a
+// set, and of two descriptors of one ID the one read last wins. Files that
+// do not parse, hold no dictionary or no ID are skipped, and the rest read.
 TEST_F(Admin, ListsDescriptorAndCheckedInServicesAndTheVolumesWithTheirThresholds) {
   auto list = [](std::initializer_list<const char*> items) {
     Value::Array a;
@@ -82,7 +84,15 @@ TEST_F(Admin, ListsDescriptorAndCheckedInServicesAndTheVolumesWithTheirThreshold
                                           {"VANTOR_NOTIFICATIONS", list({"N1", "N1", "N2"})}}),
                   PlistFormat::kBinary);
   ctx_.writeFile(ctx_.descriptorDir() / "tidy.plist", std::string(binary.begin(), binary.end()));
-  ctx_.writeDescriptor("plain.plist", Value(Value::Dictionary{{"VANTOR_ID", Value("plain")}}));
+  std::filesystem::create_directories(ctx_.descriptorDir() / "sub");
+  ctx_.writeDescriptor("sub/plain.plist", Value(Value::Dictionary{{"VANTOR_ID", Value("plain")}}));
+  ctx_.writeFile(ctx_.descriptorDir() / "garbage.plist", "this is not a property list");
+  ctx_.writeFile(ctx_.descriptorDir() / "array.plist",
+                 "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>x</string>"
+                 "</array></plist>");
+  std::filesystem::create_symlink("/nonexistent/target", ctx_.descriptorDir() / "dangling.plist");
+  ASSERT_EQ(::mkfifo((ctx_.descriptorDir() / "fifo.plist").c_str(), 0600), 0);
+  ctx_.writeDescriptor("noid.plist", Value(Value::Dictionary{{"VANTOR_SERVICES", Value("x")}}));
   ctx_.writeDescriptor("neither.plist", Value(Value::Dictionary{{"VANTOR_ID", Value("neither")},
                                                                 {"VANTOR_SERVICES", list({})}}));
   ctx_.writeDescriptor("one.plist", Value(Value::Dictionary{{"VANTOR_ID", Value("same")},
@@ -111,8 +121,12 @@ TEST_F(Admin, ListsDescriptorAndCheckedInServicesAndTheVolumesWithTheirThreshold
   EXPECT_EQ(services["plain"]["NOTIFICATIONS"], list({}));
   EXPECT_EQ(services["neither"]["PURGE"], Value(false));
   EXPECT_EQ(services["neither"]["PERIODIC"], Value(false));
-  // Which file is read last is the directory's order, which the log shows.
+  // Four bad files and the subdirectory's entry itself are each logged once;
+  // the top level that is no dictionary parsed, so its error is absent.
   const std::string log = ctx_.daemonLog();
+  EXPECT_EQ(ctx_.logCount("propertyListWithData failed"), 5u) << log;
+  EXPECT_NE(log.find("propertyListWithData failed: (null)"), std::string::npos) << log;
+  // Which file is read last is the directory's order, which the log shows.
   const auto one = log.rfind("/one.plist"), two = log.rfind("/two.plist");
   ASSERT_TRUE(one != std::string::npos && two != std::string::npos) << log;
   EXPECT_EQ(services["same"]["PERIODIC"], Value(two > one));
@@ -157,16 +171,9 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
                                            {"VANTOR_URGENCY_LIMIT", Value(2)}});
 
   // What the service printed it was asked, request by request.
-  service->waitForLine(std::string(1, '\0'), std::chrono::milliseconds(100));
-  std::uint64_t sharesAsked = 0;
-  std::uint64_t requests = 0;
-  for (const auto& line : service->lines()) {
-    if (auto request = purgeRequestOf(line)) {
-      sharesAsked += request->second;
-      ++requests;
-    }
-  }
-  ASSERT_EQ(requests, 2u);
+  const auto shares = purgeRequests(*service);
+  ASSERT_EQ(shares.size(), 2u);
+  const std::uint64_t requests = shares.size(), sharesAsked = shares[0].second + shares[1].second;
 
   const Value::Array purges = history();
   ASSERT_EQ(purges.size(), 1u);
@@ -194,21 +201,17 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
   EXPECT_EQ(Value(fromSignal.get()), Value(entry));
   EXPECT_TRUE(ctx_.waitForLog("purge finished", seconds(10)));
 
-  Value::Dictionary stats = statistics();
-  auto figures = [&](const std::string& name) {
-    Value::Dictionary* found = stats[name].asDictionary();
-    return found != nullptr ? *found : Value::Dictionary{};
-  };
-  Value::Dictionary requested = figures("com.tessaly.vantor/VantorPurgeAmountRequested");
+  auto stats = statistics();
+  Value::Dictionary& requested = stats["com.tessaly.vantor/VantorPurgeAmountRequested"];
   EXPECT_EQ(requested["count"].uint64Value(), 1u);
   EXPECT_EQ(requested["sum"].doubleValue(), static_cast<double>(asked));
-  Value::Dictionary purged = figures("com.tessaly.vantor/com.example.a.purged");
+  Value::Dictionary& purged = stats["com.tessaly.vantor/com.example.a.purged"];
   EXPECT_EQ(purged["count"].uint64Value(), requests);
   EXPECT_EQ(purged["sum"].doubleValue(), static_cast<double>(2 * kMiB));
   EXPECT_EQ(purged["last"].doubleValue(), static_cast<double>(kMiB));
-  EXPECT_EQ(figures("com.tessaly.vantor/com.example.a_purgeableElapsedNanoseconds")["count"]
-                .uint64Value(),
-            1u);
+  EXPECT_EQ(
+      stats["com.tessaly.vantor/com.example.a_purgeableElapsedNanoseconds"]["count"].uint64Value(),
+      1u);
 }
 
 }  // namespace

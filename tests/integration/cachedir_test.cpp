@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,7 +13,6 @@
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "platform/values/dbus_value.h"
 #include "platform/values/plist_io.h"
@@ -135,7 +133,7 @@ class CacheDir : public ::testing::Test {
   std::unique_ptr<sdbus::IProxy> proxy_;
 };
 
-TEST_F(CacheDir, OffersAndPurgesOnlyOldMatchingSingleLinkFilesOldestFirst) {
+TEST_F(CacheDir, OffersAndPurgesOnlyOldMatchingSingleLinkFilesOldestFirstNeverFollowingLinks) {
   configureCache({{"Patterns", Value(Value::Array{Value("*.deb")})}});
   makeFile(cache_ / "oldest.deb", 8192, 40 * kDay);
   makeFile(cache_ / "sub/dir/old.deb", 8192, 35 * kDay);
@@ -146,6 +144,11 @@ TEST_F(CacheDir, OffersAndPurgesOnlyOldMatchingSingleLinkFilesOldestFirst) {
   makeFile(cache_ / "linked.deb", 8192, 90 * kDay);  // second link elsewhere
   fs::create_hard_link(cache_ / "linked.deb", outside_ / "linked.deb");
   makeFile(cache_ / "locked.deb", 8192, 50 * kDay);
+  // Symbolic links out of the cache are never followed.
+  makeFile(outside_ / "precious.deb", 8192, 90 * kDay);
+  makeFile(outside_ / "dir/precious.deb", 8192, 90 * kDay);
+  fs::create_symlink(outside_ / "precious.deb", cache_ / "link.deb");
+  fs::create_directory_symlink(outside_ / "dir", cache_ / "dirlink");
   const std::uint64_t each = allocated(cache_ / "oldest.deb");
   ASSERT_GT(each, 0u);
   ASSERT_TRUE(start());
@@ -168,7 +171,9 @@ TEST_F(CacheDir, OffersAndPurgesOnlyOldMatchingSingleLinkFilesOldestFirst) {
   ::close(held);
   for (const char* kept : {"young.deb", "notes.txt", "linked.deb", "locked.deb"})
     EXPECT_TRUE(fs::exists(cache_ / kept)) << kept;
-  EXPECT_TRUE(fs::exists(outside_ / "linked.deb"));
+  for (const char* outside : {"linked.deb", "precious.deb", "dir/precious.deb"})
+    EXPECT_TRUE(fs::exists(outside_ / outside)) << outside;
+  EXPECT_TRUE(fs::is_symlink(cache_ / "link.deb"));
   for (const char* gone : {"week.deb", "hour.deb", "sub"})
     EXPECT_FALSE(fs::exists(cache_ / gone)) << gone;
   EXPECT_TRUE(fs::is_directory(cache_));
@@ -199,21 +204,6 @@ TEST_F(CacheDir, RefusesDangerousPathsAndFindsTaggedDirectoriesByTheirSignature)
   EXPECT_FALSE(fs::exists(home / "alice/.cache/thumbs/a.png"));
   EXPECT_TRUE(fs::exists(home / "alice/.cache/thumbs/CACHEDIR.TAG"));
   EXPECT_TRUE(fs::exists(home / "alice/notes/keep.txt"));
-}
-
-TEST_F(CacheDir, NeverFollowsASymbolicLinkOut) {
-  configureCache({{"MinimumAge", Value(0)}});
-  makeFile(outside_ / "precious", 4096, 90 * kDay);
-  makeFile(outside_ / "dir/precious", 4096, 90 * kDay);
-  fs::create_symlink(outside_ / "precious", cache_ / "link");
-  fs::create_directory_symlink(outside_ / "dir", cache_ / "dirlink");
-  makeFile(cache_ / "own", 4096, 90 * kDay);
-  ASSERT_TRUE(start());
-
-  EXPECT_EQ(purge(4, 1ULL << 40), allocated(outside_ / "precious"));
-  EXPECT_TRUE(fs::exists(outside_ / "precious"));
-  EXPECT_TRUE(fs::exists(outside_ / "dir/precious"));
-  EXPECT_TRUE(fs::is_symlink(cache_ / "link"));
 }
 
 // Swaps cache/a for a symbolic link to the outside directory and back, as
@@ -351,33 +341,31 @@ TEST_F(CacheDir, TrimsToMaximumAgeAndMaximumSizeInTheDailyRun) {
     EXPECT_TRUE(fs::exists(cache_ / kept)) << kept;
 }
 
+// (How soon a cancel ends a purge of 100,000 files: the cache-directory
+// benchmark.)
 TEST_F(CacheDir, CancelEndsAPurgeOfAHundredThousandFilesAtOnce) {
   configureCache({{"MinimumAge", Value(0)}});
-  constexpr int kDirs = 100, kPerDir = 1000;
-  for (int d = 0; d < kDirs; ++d) {
-    const fs::path dir = cache_ / ("d" + std::to_string(d));
-    fs::create_directories(dir);
-    for (int f = 0; f < kPerDir; ++f) {
-      const int fd =
-          ::open((dir / std::to_string(f)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-      ASSERT_GE(fd, 0);
-      ::close(fd);
-    }
+  constexpr std::size_t kDirs = 100, kPerDir = 1000;
+  for (std::size_t d = 0; d < kDirs; ++d) {
+    fs::create_directories(cache_ / std::to_string(d));
+    for (std::size_t f = 0; f < kPerDir; ++f)
+      ::close(::open((cache_ / std::to_string(d) / std::to_string(f)).c_str(),
+                     O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   }
   // Last use an hour ago for all, so only the purge's own order counts.
   ASSERT_EQ(
       std::system(("find " + cache_.string() + " -type f -exec touch -d '-1 hour' {} +").c_str()),
       0);
   ASSERT_TRUE(start());
-  ASSERT_EQ(rescan().at("Files").uint64Value(), std::uint64_t{kDirs * kPerDir});
+  ASSERT_EQ(rescan().at("Files").uint64Value(), kDirs * kPerDir);
 
   // Empty files free nothing, so the purge would go through every one.
   // Directory times move as soon as the purge removes a first entry.
   const auto changeTimes = [this] {
     std::vector<std::int64_t> times;
-    for (int d = 0; d < kDirs; ++d) {
+    for (std::size_t d = 0; d < kDirs; ++d) {
       struct stat st;
-      ::stat((cache_ / ("d" + std::to_string(d))).c_str(), &st);
+      ::stat((cache_ / std::to_string(d)).c_str(), &st);
       times.push_back(std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec);
     }
     return times;
@@ -387,31 +375,15 @@ TEST_F(CacheDir, CancelEndsAPurgeOfAHundredThousandFilesAtOnce) {
   ASSERT_TRUE(waitUntil([&] { return changeTimes() != before; }, seconds(30)))
       << "the purge did not start";
   auto other = ctx_.connect();
-  auto canceller = sdbus::createProxy(*other, kName, "/com/tessaly/vantor/Service");
-  const auto cancelled = std::chrono::steady_clock::now();
-  canceller->callMethod("ServiceCancelPurge").onInterface("com.tessaly.vantor.Service");
+  sdbus::createProxy(*other, kName, "/com/tessaly/vantor/Service")
+      ->callMethod("ServiceCancelPurge")
+      .onInterface("com.tessaly.vantor.Service");
   ASSERT_EQ(purging.wait_for(seconds(2)), std::future_status::ready);
-  const auto took = std::chrono::steady_clock::now() - cancelled;
   EXPECT_EQ(purging.get(), 0u);
   std::size_t left = 0;
   for (const auto& entry : fs::recursive_directory_iterator(cache_))
     left += entry.is_regular_file() ? 1 : 0;
-  EXPECT_GT(left, std::size_t{kDirs * kPerDir / 2});
-  RecordProperty("cancel_ms",
-                 std::to_string(std::chrono::duration_cast<milliseconds>(took).count()));
-}
-
-// Runs vantorctl on the test's bus and answers what it printed as JSON.
-nlohmann::json vantorctl(const TestContext& ctx, std::vector<std::string> args) {
-  args.insert(args.begin(), {VANTORCTL_BINARY, "--bus", ctx.busAddress(), "--json"});
-  ChildProcess child(args, {}, ctx.root().parent_path() / "vantorctl.log", /*captureStdout=*/true);
-  child.waitForLine(std::string(1, '\0'), seconds(150));  // reads stdout until it closes
-  const auto status = child.waitExit(seconds(10));
-  EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
-  std::string out;
-  for (const auto& line : child.lines())
-    out += line;
-  return nlohmann::json::parse(out, nullptr, /*allow_exceptions=*/false);
+  EXPECT_GT(left, kDirs * kPerDir / 2);
 }
 
 TEST_F(CacheDir, FreesRealBytesThroughTheDaemon) {
@@ -430,12 +402,16 @@ TEST_F(CacheDir, FreesRealBytesThroughTheDaemon) {
   ASSERT_TRUE(ctx_.startDaemon());
   ASSERT_TRUE(start());
   rescan();
+  auto client = ctx_.connect();
+  const Value volume(volumeHolding(cache_));
 
-  const nlohmann::json offered = vantorctl(ctx_, {"purgeable", "--urgency", "1", cache_.string()});
-  EXPECT_EQ(offered.value(kName, std::uint64_t{0}), 4 * each) << offered.dump();
+  const auto offered = callClient(*client, "ClientPurgeableSpace",
+                                  {{"VANTOR_VOLUME", volume}, {"VANTOR_URGENCY", Value(1)}});
+  EXPECT_EQ(offered.count(kName) ? offered.at(kName).uint64Value() : 0, 4 * each)
+      << Value(offered).description();
 
-  const nlohmann::json purged =
-      vantorctl(ctx_, {"purge", std::to_string(2 * each), cache_.string()});
+  const auto purged = callClient(*client, "ClientPurge",
+                                 {{"VANTOR_VOLUME", volume}, {"VANTOR_AMOUNT", Value(2 * each)}});
   // vantord asks again when others' writes hid part of what went, so count
   // what went rather than expect exactly two files; the oldest go first.
   std::uint64_t gone = 0;
@@ -444,12 +420,12 @@ TEST_F(CacheDir, FreesRealBytesThroughTheDaemon) {
   EXPECT_GE(gone, 2u);
   for (std::uint64_t i = 0; i < 4 - gone; ++i)
     EXPECT_TRUE(fs::exists(cache_ / ("blob" + std::to_string(i)))) << i;
-  EXPECT_EQ(purged.value("VANTOR_AMOUNT_REPORTED", std::uint64_t{0}), gone * each) << purged.dump();
+  EXPECT_EQ(purged.at("VANTOR_AMOUNT_REPORTED").uint64Value(), gone * each)
+      << Value(purged).description();
   // The volume is shared with whatever else runs: its free space moved by
   // at least most of what went.
-  const auto before = purged.value("VANTOR_FREESPACE_BEGIN", std::uint64_t{0});
-  const auto after = purged.value("VANTOR_FREESPACE_END", std::uint64_t{0});
-  EXPECT_GT(after, before + each) << purged.dump();
+  EXPECT_GT(purged.at("VANTOR_FREESPACE_END").uint64Value(),
+            purged.at("VANTOR_FREESPACE_BEGIN").uint64Value() + each);
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -166,11 +165,8 @@ TEST(TheEntitlementTable, HoldsForEveryMethodAndEveryCaller) {
     const std::size_t loads = ctx.logCount("entitlement rules in force");
     ctx.grantUser("me.plist", ::getuid(), std::vector<std::string>(held.begin(), held.end()));
     ctx.daemon().signal(SIGHUP);
-    const auto deadline = std::chrono::steady_clock::now() + seconds(10);
-    while (ctx.logCount("entitlement rules in force") == loads &&
-           std::chrono::steady_clock::now() < deadline)
-      std::this_thread::sleep_for(milliseconds(10));
-    ASSERT_GT(ctx.logCount("entitlement rules in force"), loads);
+    ASSERT_TRUE(
+        waitUntil([&] { return ctx.logCount("entitlement rules in force") > loads; }, seconds(10)));
 
     std::string holder;
     for (const auto& name : held)

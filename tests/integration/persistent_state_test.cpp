@@ -82,10 +82,11 @@ TEST_F(ClientState, AnswersDefaultsMergesThemIntoTheWholeStateAndBringsThemBackO
 // lasts as well.
 TEST_F(ClientState, RoundTripsEveryValueTypeAndSurvivesARestart) {
   const std::vector<std::tuple<std::string, Value, std::string>> cases = {
-      {"string", Value("héllo \"quoted\""), "s"},
+      {"string", Value("héllo \"quoted\", grin 😀 and 𝄞 clef"), "s"},
       {"empty string", Value(""), "s"},
       {"integer", Value(std::numeric_limits<std::int64_t>::min()), "x"},
       {"unsigned", Value(std::numeric_limits<std::uint64_t>::max()), "t"},
+      {"unsigned past signed", Value(std::uint64_t{1} << 63), "t"},
       {"real", Value(-0.125), "d"},
       {"true", Value(true), "b"},
       {"false", Value(false), "b"},
@@ -93,9 +94,10 @@ TEST_F(ClientState, RoundTripsEveryValueTypeAndSurvivesARestart) {
       {"empty data", Value(Value::Data{}), "ay"},
       {"date", Value(Date{1700000000123456}), "(x)"},
       {"early date", Value(Date{-1'234'567}), "(x)"},
+      {"date just before 2001", Value(Date{978'307'199'500'000}), "(x)"},
       {"array", Value(Value::Array{Value(1), Value("two"), Value(Value::Array{})}), "av"},
       {"dictionary",
-       Value(Value::Dictionary{{"inner", Value(Value::Dictionary{{"n", Value(2.5)}})}}), "a{sv}"},
+       Value(Value::Dictionary{{"ïnner 😀", Value(Value::Dictionary{{"n", Value(2.5)}})}}), "a{sv}"},
   };
   for (const auto& [key, value, signature] : cases)
     set(key, value);
@@ -115,7 +117,9 @@ TEST_F(ClientState, RoundTripsEveryValueTypeAndSurvivesARestart) {
 }
 
 // Integers of any width, and any array or string-keyed dictionary at any
-// depth, as other bindings send them, are stored as their values.
+// depth, as other bindings send them, are stored as their values. What has
+// no stored form, more than one value, or a key of the wrong type is refused
+// and changes nothing.
 TEST_F(ClientState, TakesEveryIntegerWidthAndAnyArrayOrStringKeyedDictionary) {
   using Strings = std::vector<std::string>;
   using Table = std::map<std::string, std::map<std::string, std::int32_t>>;
@@ -141,6 +145,20 @@ TEST_F(ClientState, TakesEveryIntegerWidthAndAnyArrayOrStringKeyedDictionary) {
     setRaw(key, variant);
     EXPECT_EQ(get(key), expected) << key;
   }
+
+  const std::string kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+  for (const VariantArray& refused :
+       {VariantArray{sdbus::Variant(std::map<std::int32_t, std::string>{{1, "one"}})},
+        VariantArray{sdbus::Variant(std::string("x")), sdbus::Variant(std::string("y"))}}) {
+    EXPECT_EQ(
+        callForError(*client_, "ClientSetState",
+                     [&](sdbus::MethodCall& call) { call << refused << std::string("KEY i"); }),
+        kInvalidArgs);
+  }
+  EXPECT_EQ(get("KEY i"), Value(std::int64_t{-7}));
+  EXPECT_EQ(callForError(*client_, "ClientGetState",
+                         [](sdbus::MethodCall& call) { call << std::int32_t{7}; }),
+            kInvalidArgs);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The daemon under conditions it does not choose: a flood of callers that
-// block, a bus that goes away, a store file spoilt while it runs.
+// block, a bus that goes away, store files it did not write.
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -148,32 +148,40 @@ TEST(AFloodOfBlockedCallers, IsRefusedBeyondItsShareAndClientStateStillAnswers) 
   EXPECT_EQ(other.load(), 0) << firstOther;
 }
 
-// A stored string that is not valid UTF-8 could not travel on the bus: it is
-// read with U+FFFD for each bad byte, and served like any other.
-TEST(AStoredStringThatIsNotUtf8, IsServedWithReplacementCharacters) {
+// State the daemon did not write. A stored string that is not valid UTF-8
+// could not travel on the bus: it is read with U+FFFD for each bad byte, and
+// served like any other. A whole state that is not a dictionary answers null
+// for every key, and a set starts it afresh. A file spoilt while the daemon
+// runs is logged and moved aside.
+TEST(StoredStateFromElsewhere, IsServedRepairedStartedAfreshOrMovedAside) {
   TestContext ctx;
   ctx.grantUser("me.plist", ::getuid(), {"CLIENT_ENTITLEMENT"});
-  ctx.writeFile(ctx.stateDir() / "com.tessaly.vantor.plist",
-                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                "<key>VANTOR_USER_DEFAULTS</key><dict><key>BAD</key><string>\xff\xfe</string>"
-                "<key>GOOD</key><string>fine</string></dict></dict></plist>\n");
-  ASSERT_TRUE(ctx.startDaemon({{"VANTOR_LOG_LEVEL", "3"}}));
+  const auto store = ctx.stateDir() / "com.tessaly.vantor.plist";
+  const std::string opening =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+      "<key>VANTOR_USER_DEFAULTS</key>";
+  ctx.writeFile(store, opening +
+                           "<dict><key>BAD</key><string>\xff\xfe</string>"
+                           "<key>GOOD</key><string>fine</string></dict></dict></plist>\n");
+  ASSERT_TRUE(ctx.startDaemon());
   auto client = ctx.connect();
   EXPECT_EQ(getState(*client, "BAD"), Value("\xEF\xBF\xBD\xEF\xBF\xBD"));
   EXPECT_EQ(getState(*client, "GOOD"), Value("fine"));
-}
 
-TEST(AStoreFileSpoiltWhileTheDaemonRuns, IsLoggedAndMovedAside) {
-  TestContext ctx;
-  ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT"}, {{"VANTOR_LOG_LEVEL", "3"}}));
-  auto client = ctx.connect();
-  ASSERT_EQ(setState(*client, "KEY", Value("kept")), "");
-  const auto store = ctx.stateDir() / "com.tessaly.vantor.plist";
+  client.reset();
+  ASSERT_TRUE(ctx.stopDaemon());
+  ctx.writeFile(store, opening + "<string>corrupted</string></dict></plist>\n");
+  ASSERT_TRUE(ctx.startDaemon());
+  client = ctx.connect();
+  EXPECT_TRUE(getState(*client, "VANTOR_CACHE_ENABLED").isNull());
+  EXPECT_TRUE(getState(*client, "VANTOR_USER_DEFAULTS").isNull());
+  EXPECT_TRUE(ctx.waitForLog("persistent_state is not a dictionary", seconds(5)));
+  EXPECT_EQ(setState(*client, "K", Value(1)), "");
+  EXPECT_EQ(getState(*client, "K"), Value(1));
+
   ctx.writeFile(store, "not a property list");
-
   EXPECT_EQ(probeState(*client), "");
-  EXPECT_TRUE(ctx.waitForLog("<3>", seconds(5)));
-  EXPECT_NE(ctx.daemonLog().find("is corrupt"), std::string::npos) << ctx.daemonLog();
+  EXPECT_TRUE(ctx.waitForLog("is corrupt", seconds(5))) << ctx.daemonLog();
   EXPECT_TRUE(std::ranges::any_of(
       std::filesystem::directory_iterator(ctx.stateDir()), [](const auto& entry) {
         return entry.path().filename().string().starts_with("com.tessaly.vantor.plist.corrupt-");

@@ -11,7 +11,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -116,28 +115,15 @@ TEST(VantorctlArguments, BadOnesExitWith2AndTheUsageBeforeAnythingIsSent) {
   const std::vector<std::vector<std::string>> bad = {
       {},
       {"frobnicate"},
-      {"purgeable", "--bogus"},
       {"purgeable", "/", "/home"},
       {"purgeable", "--urgency", "5"},
-      {"purgeable", "--urgency", "two"},
       {"purgeable", "--urgency", "1", "--urgency-limit", "2"},
-      {"purgeable", "--urgency"},
-      {"purgeable", "--itemized=yes"},
-      {"state"},
-      {"state", "get"},
       {"state", "set", "KEY"},
       {"state", "set", "--type", "integer", "KEY", "12abc"},
-      {"state", "set", "--type", "real", "KEY", "nan"},
-      {"state", "set", "--type", "boolean", "KEY", "maybe"},
       {"state", "set", "--type", "colour", "KEY", "red"},
-      {"state", "get", "KEY", "--urgency", "2"},
       {"state", "unset", "KEY", "--type", "string"},
-      {"purge"},
-      {"purge", "12Q"},
       {"purge", "1.5XB"},
       {"purge", "99999999999T"},
-      {"purge", "1G", "/", "/home"},
-      {"purge", "--timeout", "soon", "1G"},
       {"purge", "--itemized", "1G"},
       {"cancel", "now"}};
   for (const auto& args : bad) {
@@ -154,9 +140,7 @@ TEST(VantorctlArguments, BadOnesExitWith2AndTheUsageBeforeAnythingIsSent) {
   const Outcome help = runVantorctl({"--help"});
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_NE(help.out.find("Exit status:"), std::string::npos) << help;
-  EXPECT_NE(runVantorctl({"purgeable", "--help"}).out.find("--urgency-limit N"), std::string::npos);
   EXPECT_NE(runVantorctl({"help", "state"}).out.find("--type TYPE"), std::string::npos);
-  EXPECT_NE(runVantorctl({"purge", "--help"}).out.find("--timeout SECONDS"), std::string::npos);
 }
 
 TEST(VantorctlFailures, NoDaemonExitsWith3) {
@@ -201,36 +185,6 @@ TEST(VantorctlFailures, MissingEntitlementsExitWith4NamingWhatIsMissing) {
   EXPECT_EQ(itemized.exitCode, 0) << itemized;
 }
 
-TEST(VantorctlPurgeable, ShowsEachServiceTheTotalAndTheVolume) {
-  TestContext ctx;
-  ASSERT_TRUE(ctx.startDaemonGranting(
-      {"CLIENT_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "SERVICE_ENTITLEMENT"}));
-  auto service = checkedInService(ctx, "com.example.a", {"--amount", "1048576"});
-
-  // A path stands for the volume holding it (/usr/bin is on / here); the
-  // urgency reaches the service.
-  const Outcome json = runOn(ctx, {"--json", "purgeable", "--urgency", "4", "/usr/bin"});
-  ASSERT_EQ(json.exitCode, 0) << json;
-  auto asked = service->waitForLine("purgeable ", seconds(10));
-  ASSERT_TRUE(asked);
-  EXPECT_EQ(asked->rfind("purgeable 4 ", 0), 0u) << *asked;
-  EXPECT_NE(asked->find("\"VANTOR_VOLUME\" = \"/\""), std::string::npos) << *asked;
-  EXPECT_EQ(parseJson(json.out), (nlohmann::json{{"VANTOR_TOTAL_AVAILABLE", 1048576},
-                                                 {"com.example.a", 1048576},
-                                                 {"VANTOR_VOLUME", "/"}}))
-      << json.out;
-
-  const Outcome human = runOn(ctx, {"purgeable"});
-  ASSERT_EQ(human.exitCode, 0) << human;
-  EXPECT_EQ(human.out, "com.example.a  1.0 MiB\nTotal          1.0 MiB\nVolume         /\n");
-
-  // A volume the daemon refuses exits with 1.
-  const Outcome refused = runOn(ctx, {"purgeable", "/nonexistent-volume"});
-  EXPECT_EQ(refused.exitCode, 1) << refused;
-  EXPECT_NE(refused.err.find("Parameter error"), std::string::npos) << refused;
-  EXPECT_EQ(refused.out, "");
-}
-
 TEST(VantorctlPurge, FreesWhatWasAskedOrSaysItFellShortAndCancels) {
   TestContext ctx;
   ASSERT_TRUE(
@@ -264,12 +218,35 @@ TEST(VantorctlPurge, FreesWhatWasAskedOrSaysItFellShortAndCancels) {
   EXPECT_EQ(cancel.out, "Cancel sent.\n");
 }
 
-TEST(VantorctlAdmin, ShowsServicesHistoryAndStatisticsAsTablesJsonAndPrometheus) {
+TEST(VantorctlQueries, ShowPurgeableSpaceServicesHistoryAndStatisticsAsTablesJsonAndPrometheus) {
   TestContext ctx;
-  ASSERT_TRUE(
-      ctx.startDaemonGranting({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGE_ENTITLEMENT"},
-                              {{"VANTOR_LOWDISK_BYTES", "2"}}));
+  ASSERT_TRUE(ctx.startDaemonGranting(
+      {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "PURGE_ENTITLEMENT"},
+      {{"VANTOR_LOWDISK_BYTES", "2"}}));
   auto service = checkedInService(ctx, "com.example.a", {"--amount", "1048576"});
+
+  // A path stands for the volume holding it (/usr/bin is on / here); the
+  // urgency reaches the service.
+  const Outcome json = runOn(ctx, {"--json", "purgeable", "--urgency", "4", "/usr/bin"});
+  ASSERT_EQ(json.exitCode, 0) << json;
+  auto asked = service->waitForLine("purgeable ", seconds(10));
+  ASSERT_TRUE(asked);
+  EXPECT_EQ(asked->rfind("purgeable 4 ", 0), 0u) << *asked;
+  EXPECT_NE(asked->find("\"VANTOR_VOLUME\" = \"/\""), std::string::npos) << *asked;
+  EXPECT_EQ(parseJson(json.out), (nlohmann::json{{"VANTOR_TOTAL_AVAILABLE", 1048576},
+                                                 {"com.example.a", 1048576},
+                                                 {"VANTOR_VOLUME", "/"}}))
+      << json.out;
+
+  const Outcome human = runOn(ctx, {"purgeable"});
+  ASSERT_EQ(human.exitCode, 0) << human;
+  EXPECT_EQ(human.out, "com.example.a  1.0 MiB\nTotal          1.0 MiB\nVolume         /\n");
+
+  // A volume the daemon refuses exits with 1.
+  const Outcome refused = runOn(ctx, {"purgeable", "/nonexistent-volume"});
+  EXPECT_EQ(refused.exitCode, 1) << refused;
+  EXPECT_NE(refused.err.find("Parameter error"), std::string::npos) << refused;
+  EXPECT_EQ(refused.out, "");
 
   // status shows the daemon's thresholds, which come from its environment.
   const auto status = parseJson(runOn(ctx, {"--json", "status"}).out);
@@ -280,21 +257,16 @@ TEST(VantorctlAdmin, ShowsServicesHistoryAndStatisticsAsTablesJsonAndPrometheus)
   // Nothing is deleted, so the purge falls short (6) but is recorded.
   EXPECT_EQ(runOn(ctx, {"purge", "--urgency", "1", "4M"}).exitCode, 6);
 
+  // The daemon's own answers are checked in admin_test; here, how they show.
   const Outcome services = runOn(ctx, {"services"});
   ASSERT_EQ(services.exitCode, 0) << services;
   EXPECT_EQ(services.out.rfind("SERVICE ", 0), 0u) << services;
   EXPECT_NE(services.out.find("\ncom.example.a  checkin :"), std::string::npos) << services;
-  const auto servicesJson = parseJson(runOn(ctx, {"--json", "services"}).out);
-  EXPECT_EQ(servicesJson["com.example.a"]["origin"], "checkin") << servicesJson;
-  EXPECT_EQ(servicesJson["com.example.a"]["PURGE"], true) << servicesJson;
 
   const auto history = parseJson(runOn(ctx, {"history", "--json"}).out);
   ASSERT_TRUE(history.is_array() && history.size() == 1) << history;
-  EXPECT_EQ(history[0]["requestedBy"], "client");
-  EXPECT_EQ(history[0]["uid"], ::getuid());
   EXPECT_EQ(std::filesystem::path(history[0]["executable"].get<std::string>()).filename(),
             "vantorctl");
-  EXPECT_EQ(history[0]["asked"], 4 << 20);
   EXPECT_EQ(history[0]["services"]["com.example.a"]["reported"], 1 << 20);
   const Outcome historyText = runOn(ctx, {"history"});
   EXPECT_NE(historyText.out.find("  com.example.a: asked 4.0 MiB, reported 1.0 MiB"),
@@ -308,39 +280,38 @@ TEST(VantorctlAdmin, ShowsServicesHistoryAndStatisticsAsTablesJsonAndPrometheus)
   // carry the same figures as the JSON.
   const Outcome prometheus = runOn(ctx, {"stats", "--prometheus"});
   ASSERT_EQ(prometheus.exitCode, 0) << prometheus;
-  const auto isMetricName = [](std::string_view name) {
-    return !name.empty() && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == name.npos;
-  };
   std::set<std::string> declared;
   std::map<std::string, double> samples;
   std::istringstream lines(prometheus.out);
   for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("# TYPE ", 0) == 0) {
+    if (line.starts_with("# HELP "))
+      continue;
+    if (line.starts_with("# TYPE ")) {
       // "# TYPE <name> counter|gauge"
       std::istringstream words(line.substr(7));
       std::string name, type, rest;
       words >> name >> type;
-      EXPECT_TRUE(isMetricName(name) && (type == "counter" || type == "gauge") && !(words >> rest))
+      EXPECT_TRUE(!name.empty() &&
+                  name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos &&
+                  (type == "counter" || type == "gauge") && !(words >> rest))
           << line;
       declared.insert(name);
-    } else if (line.rfind("# HELP ", 0) != 0) {
-      // <name>{statistic="<escaped>"} <value>
-      const auto brace = line.find("{statistic=\"");
-      const auto close = line.rfind("\"} ");
-      ASSERT_TRUE(brace != std::string::npos && close != std::string::npos && close > brace)
-          << line;
-      const std::string name = line.substr(0, brace);
-      EXPECT_TRUE(isMetricName(name) && declared.count(name)) << line;
-      std::string label;
-      for (std::size_t i = brace + 12; i < close; ++i) {
-        if (line[i] == '\\' && i + 1 < close)
-          ++i;
-        else
-          EXPECT_NE(line[i], '"') << line;
-        label += line[i];
-      }
-      samples[name + "/" + label] = std::stod(line.substr(close + 3));
+      continue;
     }
+    // <name>{statistic="<escaped>"} <value>
+    const auto brace = line.find("{statistic=\""), close = line.rfind("\"} ");
+    ASSERT_TRUE(brace != std::string::npos && close != std::string::npos && close > brace) << line;
+    const std::string name = line.substr(0, brace);
+    EXPECT_TRUE(declared.count(name)) << line;
+    std::string label;
+    for (std::size_t i = brace + 12; i < close; ++i) {
+      if (line[i] == '\\' && i + 1 < close)
+        ++i;
+      else
+        EXPECT_NE(line[i], '"') << line;
+      label += line[i];
+    }
+    samples[name + "/" + label] = std::stod(line.substr(close + 3));
   }
   for (const auto& [name, figures] : stats.items()) {
     EXPECT_EQ(samples["vantor_statistic_samples_total/" + name], figures["count"].get<double>())

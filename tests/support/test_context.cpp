@@ -1,5 +1,6 @@
 #include "support/test_context.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -14,6 +15,7 @@
 #include "platform/clock/clock.h"
 #include "platform/values/dbus_value.h"
 #include "support/log.h"
+#include "support/volumes.h"
 
 namespace vantor::test {
 
@@ -96,6 +98,18 @@ bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds time
   return true;
 }
 
+std::string volumeHolding(const std::filesystem::path& path) {
+  struct stat held {};
+  if (::stat(path.c_str(), &held) != 0)
+    return "";
+  for (const auto& volume : getLocalVolumes()) {
+    struct stat st {};
+    if (::stat(volume.c_str(), &st) == 0 && st.st_dev == held.st_dev)
+      return volume;
+  }
+  return "";
+}
+
 std::string readText(const std::filesystem::path& path) {
   std::ifstream in(path);
   std::stringstream text;
@@ -103,20 +117,23 @@ std::string readText(const std::filesystem::path& path) {
   return text.str();
 }
 
-std::optional<std::pair<int, std::uint64_t>> purgeRequestOf(const std::string& line) {
+std::vector<std::pair<int, std::uint64_t>> purgeRequests(ChildProcess& service) {
   static constexpr std::string_view kAmount = "\"VANTOR_AMOUNT\" = ";
-  if (line.size() < 8 || line.rfind("purge ", 0) != 0 || line[6] < '0' || line[6] > '9' ||
-      line[7] != ' ')
-    return std::nullopt;
-  const auto at = line.find(kAmount);
-  if (at == std::string::npos)
-    return std::nullopt;
-  std::uint64_t amount = 0;
-  const char* begin = line.data() + at + kAmount.size();
-  const auto [end, error] = std::from_chars(begin, line.data() + line.size(), amount);
-  if (error != std::errc() || end == begin || *end != ';')
-    return std::nullopt;
-  return std::make_pair(line[6] - '0', amount);
+  // No line starts with a NUL: this reads whatever is waiting in the pipe.
+  service.waitForLine(std::string(1, '\0'), std::chrono::milliseconds(100));
+  std::vector<std::pair<int, std::uint64_t>> asked;
+  for (const auto& line : service.lines()) {
+    const auto at = line.find(kAmount);
+    if (line.size() < 8 || line.rfind("purge ", 0) != 0 || line[6] < '0' || line[6] > '9' ||
+        line[7] != ' ' || at == std::string::npos)
+      continue;
+    std::uint64_t amount = 0;
+    const char* begin = line.data() + at + kAmount.size();
+    const auto [end, error] = std::from_chars(begin, line.data() + line.size(), amount);
+    if (error == std::errc() && end != begin && *end == ';')
+      asked.emplace_back(line[6] - '0', amount);
+  }
+  return asked;
 }
 
 TestContext::~TestContext() {

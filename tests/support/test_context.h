@@ -80,13 +80,17 @@ std::unique_ptr<ChildProcess> checkedInService(TestContext& ctx, const std::stri
 // Polls `done` until it holds; false when `timeout` passes first.
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
+// The local volume whose file system holds `path`, "" when none does.
+std::string volumeHolding(const std::filesystem::path& path);
+
 // The whole contents of a text file, "" when it cannot be read.
 std::string readText(const std::filesystem::path& path);
 
-// One "purge <urgency> {... "VANTOR_AMOUNT" = <bytes>; ...}" line of the
-// example service: the urgency and the bytes it was asked for, or nullopt
-// for any other line.
-std::optional<std::pair<int, std::uint64_t>> purgeRequestOf(const std::string& line);
+// The urgencies and amounts the example service was asked for, in order,
+// from its "purge <urgency> {... "VANTOR_AMOUNT" = <bytes>; ...}" lines: those
+// printed so far (a service prints its line before it answers, so every
+// request of a finished purge is there).
+std::vector<std::pair<int, std::uint64_t>> purgeRequests(ChildProcess& service);
 
 // The entries of a captured-log helper for unit tests: install with
 // LogCapture; every line written while it lives is recorded, formatted.
