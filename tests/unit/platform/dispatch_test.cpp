@@ -199,6 +199,33 @@ TEST(GlobalPool, SerialQueuesKeepRunningWhenEveryOrdinaryThreadIsBlocked) {
   setOrdinaryThreadLimitForTesting(kOrdinaryThreadLimit);
 }
 
+// The threads a burst started retire once the work is light again, even
+// though blocks keep coming: the latest idle thread takes each one.
+TEST(GlobalPool, ThreadsABurstStartedRetireUnderSteadyLightWork) {
+  constexpr std::size_t kBurst = 32;
+  auto gate = std::make_shared<Semaphore>();
+  auto started = std::make_shared<Semaphore>();
+  for (std::size_t i = 0; i < kBurst; ++i) {
+    globalAsync([=] {
+      started->signal();
+      gate->wait();
+    });
+  }
+  for (std::size_t i = 0; i < kBurst; ++i)
+    ASSERT_TRUE(started->wait(soon()));
+  EXPECT_GE(globalPoolStats().threads, kBurst);
+  for (std::size_t i = 0; i < kBurst; ++i)
+    gate->signal();
+
+  const Deadline deadline = soon();
+  while (globalPoolStats().threads > 4 && MonotonicClock::now() < deadline) {
+    auto ran = std::make_shared<Semaphore>();
+    globalAsync([=] { ran->signal(); });
+    ASSERT_TRUE(ran->wait(soon()));
+  }
+  EXPECT_LE(globalPoolStats().threads, std::size_t{4});
+}
+
 // A block that throws is reported, and its pool thread, its queue and its
 // group all go on.
 TEST(Dispatch, ABlockThatThrowsIsReportedAndTheRestRuns) {
