@@ -101,7 +101,6 @@ TEST(AServiceThatExits, AtEveryKindOfRequestLeavesItsCallerAnsweredAndTheDaemonS
 TEST(AServiceThatMisanswers, IsCountedOnceOrNotAtAllAndNobodyElseSuffers) {
   TestContext ctx;
   ASSERT_TRUE(ctx.startDaemonGranting(kEverything));
-  auto twice = checkedInService(ctx, "com.example.twice", {"--answer-twice", "--amount", "1000"});
   auto text = checkedInService(ctx, "com.example.text", {"--text-amount"});
   auto huge = checkedInService(ctx, "com.example.huge", {"--huge-reply", "10"});
   auto deepest = checkedInService(ctx, "com.example.deep", {"--deep-reply", "20", "--amount", "7"});
@@ -109,21 +108,36 @@ TEST(AServiceThatMisanswers, IsCountedOnceOrNotAtAllAndNobodyElseSuffers) {
       checkedInService(ctx, "com.example.toodeep", {"--deep-reply", "30", "--amount", "11"});
   ASSERT_FALSE(::testing::Test::HasFailure());
 
-  // A service on the raw bus whose purgeable answer is an array.
-  SignalWatch outcome;  // outlives the proxy and so every reply handler
-  RawService array(ctx, [](sdbus::MethodCall call) { call.createReply().send(); });
+  // Services on the raw bus: one whose purgeable answer is an array, one
+  // that sends its answer twice.
+  SignalWatch outcome;  // outlives the proxies and so every reply handler
+  const auto pong = [](sdbus::MethodCall call) { call.createReply().send(); };
+  RawService array(ctx, pong);
   array.object->registerMethod(
       RawService::kInterface, "ServicePurgeable", "ia{sv}", "av", [](sdbus::MethodCall call) {
         auto reply = call.createReply();
         reply << std::vector<sdbus::Variant>{sdbus::Variant(std::uint64_t{5})};
         reply.send();
       });
-  array.checkIn(
-      "com.example.array", {{"PURGE", sdbus::Variant(true)}},
-      [&](const sdbus::Error* e, const std::map<std::string, sdbus::Variant>& checkedIn) {
-        outcome.record(e ? e->getName() : checkedIn.count("VANTOR_ID") ? "filed" : "no id");
-      });
-  ASSERT_TRUE(outcome.waitFor("filed", seconds(20))) << ctx.daemonLog();
+  RawService twice(ctx, pong);
+  twice.object->registerMethod(RawService::kInterface, "ServicePurgeable", "ia{sv}", "a{sv}",
+                               [](sdbus::MethodCall call) {
+                                 for (int i = 0; i < 2; ++i) {
+                                   auto reply = call.createReply();
+                                   reply << std::map<std::string, sdbus::Variant>{
+                                       {"VANTOR_AMOUNT", sdbus::Variant(std::uint64_t{1000})}};
+                                   reply.send();
+                                 }
+                               });
+  for (auto [service, id] :
+       {std::pair{&array, "com.example.array"}, {&twice, "com.example.twice"}}) {
+    service->checkIn(
+        id, {{"PURGE", sdbus::Variant(true)}},
+        [&outcome, id](const sdbus::Error* e, const std::map<std::string, sdbus::Variant>& in) {
+          outcome.record(e ? e->getName() : in.count("VANTOR_ID") ? id : "no id");
+        });
+    ASSERT_TRUE(outcome.waitFor(id, seconds(20))) << ctx.daemonLog();
+  }
 
   // Answers may come after the query's wait (the 10 MiB one surely does);
   // once they have come, a later query counts them from the cache.

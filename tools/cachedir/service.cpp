@@ -141,6 +141,7 @@ void CacheDirService::scanLoop() {
       if (!p.answered->exchange(true))
         p.answer(*fresh);
     }
+    due.clear();  // released unlocked, as the worker releases its jobs
     lock.lock();
   }
 }
@@ -175,6 +176,10 @@ void CacheDirService::workLoop() {
     jobs_.pop_front();
     lock.unlock();
     job();
+    // What the job captured, its reply among them, goes before the lock is
+    // taken again: releasing a reply may wait for the bus thread, which may
+    // be waiting for this lock to queue the next job.
+    job = nullptr;
     lock.lock();
   }
   // Jobs never run still answer their callers.

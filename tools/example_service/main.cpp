@@ -58,7 +58,6 @@ constexpr char kUsage[] =
     "Misbehaviour, for trying how vantord copes:\n"
     "  --exit-on WHAT     exit at once, unanswered, when asked WHAT: purgeable,\n"
     "                     purge, periodic, ping or notify\n"
-    "  --answer-twice     answer purgeable and purge requests twice\n"
     "  --text-amount      answer purgeable and purge with a string as the amount\n"
     "  --huge-reply MIB   add MIB mebibytes of small entries to purgeable answers\n"
     "  --deep-reply N     add N levels of nested dictionaries to purgeable answers\n"
@@ -80,7 +79,6 @@ struct Options {
   long checkinTimeoutMs = 25000;
   long checkinIds = 1;
   std::string exitOn;
-  bool answerTwice = false;
   bool textAmount = false;
   long hugeReplyMiB = 0;
   long deepReply = 0;
@@ -186,17 +184,13 @@ class ExampleService final : public vantor::kit::Service {
                                : vantor::Value(amount);
   }
 
-  // Sends `answer` (twice when told to). A reply the bus binding refuses to
-  // build, too deeply nested for instance, is reported instead of ending the
-  // service.
+  // Sends `answer`. A reply the bus binding refuses to build, too deeply
+  // nested for instance, is reported instead of ending the service.
   void send(const DictionaryReply& reply, const vantor::Value& answer) const {
-    for (int i = 0; i < (options_.answerTwice ? 2 : 1); ++i) {
-      try {
-        reply(answer);
-      } catch (const std::exception& e) {
-        say(std::string("reply-failed ") + e.what());
-        return;
-      }
+    try {
+      reply(answer);
+    } catch (const std::exception& e) {
+      say(std::string("reply-failed ") + e.what());
     }
   }
 
@@ -327,8 +321,6 @@ bool parse(int argc, char** argv, Options* options) {
       if (v == nullptr)
         return false;
       options->exitOn = v;
-    } else if (arg == "--answer-twice") {
-      options->answerTwice = true;
     } else if (arg == "--text-amount") {
       options->textAmount = true;
     } else if (arg == "--huge-reply") {

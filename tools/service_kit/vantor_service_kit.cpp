@@ -2,6 +2,8 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <optional>
+#include <utility>
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -38,6 +40,32 @@ void Service::callback(const Value&, DictionaryReply reply) {
   reply(emptyDictionary());
 }
 
+// A call's result, answered at most once. Answering also lets go of the
+// call's message, there and then. The bus library takes its connection lock
+// to release a message, and the bus thread holds that lock while it runs the
+// service's methods; a reply callable dropped later, perhaps under a lock of
+// the service's that those methods take too, must no longer hold one.
+template <typename R>
+class PendingResult {
+ public:
+  explicit PendingResult(R&& result) : result_(std::move(result)) {}
+
+  template <typename... Args>
+  void answer(Args&&... args) {
+    std::optional<R> result;
+    {
+      std::lock_guard lock(mutex_);
+      result.swap(result_);
+    }
+    if (result)
+      result->returnResults(std::forward<Args>(args)...);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::optional<R> result_;
+};
+
 // The exported object. Each call hands its result holder to the service,
 // which may answer from any thread.
 class ServiceHost::Adaptor final
@@ -51,12 +79,13 @@ class ServiceHost::Adaptor final
 
  private:
   template <typename R>
-  static std::shared_ptr<R> share(R&& r) {
-    return std::make_shared<R>(std::move(r));
+  static std::shared_ptr<PendingResult<R>> share(R&& r) {
+    return std::make_shared<PendingResult<R>>(std::move(r));
   }
 
-  static Service::DictionaryReply dictionaryReply(std::shared_ptr<sdbus::Result<VariantMap>> r) {
-    return [r](Value v) { r->returnResults(dictionaryOf(v)); };
+  static Service::DictionaryReply dictionaryReply(
+      std::shared_ptr<PendingResult<sdbus::Result<VariantMap>>> r) {
+    return [r](Value v) { r->answer(dictionaryOf(v)); };
   }
 
   void ServicePurgeable(sdbus::Result<VariantMap>&& result, std::int32_t urgency,
@@ -73,7 +102,7 @@ class ServiceHost::Adaptor final
                        VariantMap info) override {
     auto r = share(std::move(result));
     service_->periodic(urgency, Value(fromVariantMap(info)),
-                       [r](Value v) { r->returnResults(toOptionalVariant(v)); });
+                       [r](Value v) { r->answer(toOptionalVariant(v)); });
   }
   void ServiceCancelPurge(sdbus::Result<>&& result) override {
     service_->cancelPurge();
@@ -81,7 +110,7 @@ class ServiceHost::Adaptor final
   }
   void ServicePing(sdbus::Result<>&& result) override {
     auto r = share(std::move(result));
-    service_->ping([r] { r->returnResults(); });
+    service_->ping([r] { r->answer(); });
   }
   void ServiceNotify(sdbus::Result<>&& result, VariantMap notification) override {
     service_->notify(Value(fromVariantMap(notification)));

@@ -7,7 +7,8 @@
 //
 // Threads: the host runs its own bus thread. Service methods are called on
 // it and must not block; answer through the reply, now or later, from any
-// thread, exactly once.
+// thread, once (later answers are ignored). Answer while holding no lock
+// that a service method takes: sending waits for the bus thread's own lock.
 
 #include <chrono>
 #include <condition_variable>
