@@ -70,38 +70,28 @@ std::string text(FuzzedDataProvider& in, const char* alphabet) {
   return s;
 }
 
-void write(sdbus::Message& m, const Type& t, FuzzedDataProvider& in, int depth) {
+sdbus::Message& write(sdbus::Message& m, const Type& t, FuzzedDataProvider& in, int depth) {
   switch (t.code) {
     case 'y':
-      m << in.ConsumeIntegral<std::uint8_t>();
-      break;
+      return m << in.ConsumeIntegral<std::uint8_t>();
     case 'b':
-      m << in.ConsumeBool();
-      break;
+      return m << in.ConsumeBool();
     case 'n':
-      m << in.ConsumeIntegral<std::int16_t>();
-      break;
+      return m << in.ConsumeIntegral<std::int16_t>();
     case 'q':
-      m << in.ConsumeIntegral<std::uint16_t>();
-      break;
+      return m << in.ConsumeIntegral<std::uint16_t>();
     case 'i':
-      m << in.ConsumeIntegral<std::int32_t>();
-      break;
+      return m << in.ConsumeIntegral<std::int32_t>();
     case 'u':
-      m << in.ConsumeIntegral<std::uint32_t>();
-      break;
+      return m << in.ConsumeIntegral<std::uint32_t>();
     case 'x':
-      m << in.ConsumeIntegral<std::int64_t>();
-      break;
+      return m << in.ConsumeIntegral<std::int64_t>();
     case 't':
-      m << in.ConsumeIntegral<std::uint64_t>();
-      break;
+      return m << in.ConsumeIntegral<std::uint64_t>();
     case 'd':
-      m << std::bit_cast<double>(in.ConsumeIntegral<std::uint64_t>());
-      break;
+      return m << std::bit_cast<double>(in.ConsumeIntegral<std::uint64_t>());
     case 's':
-      m << text(in, nullptr);
-      break;
+      return m << text(in, nullptr);
     case 'o': {
       const std::string segment =
           text(in, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_");
@@ -109,8 +99,7 @@ void write(sdbus::Message& m, const Type& t, FuzzedDataProvider& in, int depth) 
       break;
     }
     case 'g':
-      m << sdbus::Signature(makeType(in, kMaxDepth - 1).signature);
-      break;
+      return m << sdbus::Signature(makeType(in, kMaxDepth - 1).signature);
     case 'v': {
       const Type inner = makeType(in, depth + 1);
       m.openVariant(inner.signature);
@@ -139,6 +128,7 @@ void write(sdbus::Message& m, const Type& t, FuzzedDataProvider& in, int depth) 
       m.closeContainer();
     }
   }
+  return m;
 }
 
 bool same(const vantor::Value& a, const vantor::Value& b) {

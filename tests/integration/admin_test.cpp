@@ -24,11 +24,11 @@ constexpr std::uint64_t kMiB = 1 << 20;
 
 using NamedEntries = std::vector<sdbus::Struct<std::string, VariantMap>>;
 
-class Admin : public ::testing::Test {
+class Admin : public ClientTest {
  protected:
-  void start(std::vector<std::string> names, std::map<std::string, std::string> env = {}) {
-    ASSERT_TRUE(ctx_.startDaemonGranting(names, env));
-    client_ = ctx_.connect();
+  void start(const std::vector<std::string>& names,
+             const std::map<std::string, std::string>& env = {}) {
+    ClientTest::start(names, env);
     proxy_ = sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor");
   }
 
@@ -60,8 +60,6 @@ class Admin : public ::testing::Test {
     return callClient(*client_, method, info);
   }
 
-  TestContext ctx_;
-  std::unique_ptr<sdbus::IConnection> client_;
   std::unique_ptr<sdbus::IProxy> proxy_;
 };
 

@@ -4,7 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <algorithm>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -33,15 +34,15 @@ struct LowSpaceSignal {
 // so the first poll's signal is not missed.
 class LowSpaceSignals {
  public:
-  explicit LowSpaceSignals(TestContext& ctx) : connection_(ctx.connect()) {
-    proxy_ = sdbus::createProxy(*connection_, "com.tessaly.vantor", "/com/tessaly/vantor");
+  explicit LowSpaceSignals(TestContext& ctx)
+      : connection_(ctx.connect()),
+        proxy_(sdbus::createProxy(*connection_, "com.tessaly.vantor", "/com/tessaly/vantor")) {
     proxy_->uponSignal("LowSpace")
         .onInterface("com.tessaly.vantor.Notify")
         .call([this](const std::string& volume, std::uint64_t available, std::uint64_t threshold,
                      bool veryLow) {
           std::lock_guard lock(mutex_);
           seen_.push_back({volume, available, threshold, veryLow});
-          cv_.notify_all();
         });
     proxy_->finishRegistration();
   }
@@ -50,26 +51,21 @@ class LowSpaceSignals {
   // the deadline.
   std::optional<std::vector<LowSpaceSignal>> waitFor(const std::string& volume, std::size_t count,
                                                      milliseconds timeout) {
-    std::unique_lock lock(mutex_);
     std::vector<LowSpaceSignal> matching;
-    const bool reached = cv_.wait_for(lock, timeout, [&] {
+    const auto reached = [&] {
+      std::lock_guard lock(mutex_);
       matching.clear();
-      for (const auto& s : seen_) {
-        if (s.volume == volume)
-          matching.push_back(s);
-      }
+      std::ranges::copy_if(seen_, std::back_inserter(matching),
+                           [&](const auto& s) { return s.volume == volume; });
       return matching.size() >= count;
-    });
-    if (!reached)
-      return std::nullopt;
-    return matching;
+    };
+    return waitUntil(reached, timeout) ? std::optional(matching) : std::nullopt;
   }
 
  private:
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<sdbus::IProxy> proxy_;
   std::mutex mutex_;
-  std::condition_variable cv_;
   std::vector<LowSpaceSignal> seen_;
 };
 

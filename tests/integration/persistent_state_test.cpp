@@ -2,8 +2,6 @@
 // travels and as bindings send it, and restarts. (A daemon killed amid
 // writes is in faults_test.)
 
-#include <unistd.h>
-
 #include <limits>
 #include <map>
 #include <tuple>
@@ -18,12 +16,9 @@ namespace {
 
 using std::chrono::seconds;
 
-class ClientState : public ::testing::Test {
+class ClientState : public ClientTest {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(ctx_.startDaemonGranting({"CLIENT_ENTITLEMENT"}));
-    client_ = ctx_.connect();
-  }
+  void SetUp() override { start({"CLIENT_ENTITLEMENT"}); }
 
   void set(const std::string& key, const Value& value) {
     ASSERT_EQ(setState(*client_, key, value), "") << key;
@@ -46,9 +41,6 @@ class ClientState : public ::testing::Test {
         .storeResultsTo(result);
     return result.size() == 1 ? result.front().peekValueType() : "<no single value>";
   }
-
-  TestContext ctx_;
-  std::unique_ptr<sdbus::IConnection> client_;
 };
 
 TEST_F(ClientState, AnswersDefaultsMergesThemIntoTheWholeStateAndBringsThemBackOnRemoval) {

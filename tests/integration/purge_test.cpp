@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/values/plist_io.h"
 #include "support/test_context.h"
 
 namespace vantor::test {
@@ -22,28 +21,11 @@ using std::chrono::seconds;
 
 constexpr std::uint64_t kMiB = 1 << 20;
 
-class Purge : public ::testing::Test {
- protected:
-  // The test's user gets `names`; this test program (not vantorctl or other
-  // programs run by the same user) gets `programNames` besides.
-  void start(std::vector<std::string> names = {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT",
-                                               "PURGE_ENTITLEMENT"},
-             std::vector<std::string> programNames = {}) {
-    ctx_.grantUser("me.plist", ::getuid(), names);
-    if (!programNames.empty()) {
-      Value::Array granted(programNames.begin(), programNames.end());
-      Value policy(Value::Dictionary{
-          {"Executables",
-           Value(Value::Array{Value(std::filesystem::read_symlink("/proc/self/exe").string())})},
-          {"com.tessaly.private.Vantor", Value(granted)},
-      });
-      auto bytes = encodePlist(policy, PlistFormat::kXml);
-      ctx_.writeFile(ctx_.policyDir() / "program.plist", std::string(bytes.begin(), bytes.end()));
-    }
-    ASSERT_TRUE(ctx_.startDaemon());
-    client_ = ctx_.connect();
-  }
+const std::vector<std::string> kPurger = {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT",
+                                          "PURGE_ENTITLEMENT"};
 
+class Purge : public ClientTest {
+ protected:
   Value::Dictionary purge(Value::Dictionary info) {
     return callClient(*client_, "ClientPurge", info);
   }
@@ -68,9 +50,6 @@ class Purge : public ::testing::Test {
     ::sync();
     return dir;
   }
-
-  TestContext ctx_;
-  std::unique_ptr<sdbus::IConnection> client_;
 };
 
 Value::Dictionary onRoot(std::uint64_t amount, Value::Dictionary extra = {}) {
@@ -80,7 +59,7 @@ Value::Dictionary onRoot(std::uint64_t amount, Value::Dictionary extra = {}) {
 }
 
 TEST_F(Purge, SharesALevelEquallyAndAsksEveryServiceAgainAtTheNextLevelAndPurge) {
-  start();
+  start(kPurger);
   // They free nothing, so every level is worked and every share is short.
   // They answer only after every request of a level is out: a level whose
   // requests have all been answered ends, even before the last is sent.
@@ -115,7 +94,7 @@ TEST_F(Purge, SharesALevelEquallyAndAsksEveryServiceAgainAtTheNextLevelAndPurge)
 }
 
 TEST_F(Purge, AServiceThatFallsShortLeavesTheDivisorAndOneThatMetItsShareIsAskedAgain) {
-  start();
+  start(kPurger);
   auto shortOne =
       checkedInService(ctx_, "com.example.short", {"--amount", "0", "--delay-ms", "100"});
   // Reports whatever it is asked for without freeing anything.
@@ -138,7 +117,7 @@ TEST_F(Purge, AServiceThatFallsShortLeavesTheDivisorAndOneThatMetItsShareIsAsked
 }
 
 TEST_F(Purge, FreesRealBytesAndSkipsTheLevelsAfterTheAmountIsMet) {
-  start();
+  start(kPurger);
   const auto dir = files("cache", 4, 8 * kMiB);
   auto cache = checkedInService(ctx_, "com.example.cache", {"--files", dir.string()});
 
@@ -161,7 +140,7 @@ TEST_F(Purge, FreesRealBytesAndSkipsTheLevelsAfterTheAmountIsMet) {
 }
 
 TEST_F(Purge, WaitsOutEveryLevelWithNoServiceAndCancelsOneThatNeverAnswers) {
-  start();
+  start(kPurger);
   const auto begin = std::chrono::steady_clock::now();
   auto result = purge(onRoot(1ULL << 40, {{"VANTOR_PURGE_TIMEOUT", Value(1)}}));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, seconds(3));  // three levels of 1 s
@@ -179,7 +158,7 @@ TEST_F(Purge, WaitsOutEveryLevelWithNoServiceAndCancelsOneThatNeverAnswers) {
 
 TEST_F(Purge, APlainClientsCancelStopsThePurgeInFlightAndALaterOneOnlyTheNextPurge) {
   // The user may only call; this program may purge as well.
-  start({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT"}, {"PURGE_ENTITLEMENT"});
+  start({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT"}, {}, {"PURGE_ENTITLEMENT"});
   const auto dir = files("slow", 40, 64 * 1024);
   auto slow = checkedInService(ctx_, "com.example.slow",
                                {"--files", dir.string(), "--purge-step-ms", "100"});
@@ -215,7 +194,7 @@ TEST_F(Purge, AnUnentitledCallerAsksNobody) {
 }
 
 TEST_F(Purge, KeepsClientStateServingAndEndsCleanlyOnSigtermMidPurge) {
-  start();
+  start(kPurger);
   auto mute = checkedInService(ctx_, "com.example.mute", {"--silent-purge"});
   auto running = purgeAsync(onRoot(1ULL << 40, {{"VANTOR_PURGE_TIMEOUT", Value(60)}}));
   ASSERT_TRUE(mute->waitForLine("purge 1 ", seconds(10)));
@@ -230,7 +209,7 @@ TEST_F(Purge, KeepsClientStateServingAndEndsCleanlyOnSigtermMidPurge) {
 }
 
 TEST_F(Purge, SurvivesPurgesAndCancelsFromSeveralClientsAtOnce) {
-  start();
+  start(kPurger);
   const auto dir = files("shared", 64, 16 * 1024);
   auto a = checkedInService(ctx_, "com.example.a", {"--files", dir.string()});
   auto b = checkedInService(ctx_, "com.example.b", {"--amount", "4096", "--delay-ms", "5"});

@@ -1,7 +1,5 @@
 // Purgeable-space queries against the real daemon and example services.
 
-#include <unistd.h>
-
 #include <limits>
 
 #include <gtest/gtest.h>
@@ -18,13 +16,11 @@ using std::chrono::seconds;
 
 constexpr std::uint64_t kMiB = 1 << 20;
 
-class PurgeableQuery : public ::testing::Test {
+class PurgeableQuery : public ClientTest {
  protected:
-  void start(std::vector<std::string> names = {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT",
-                                               "PURGEABLE_ENTITLEMENT",
-                                               "ITEMIZED_PURGEABLE_ENTITLEMENT"}) {
-    ASSERT_TRUE(ctx_.startDaemonGranting(names));
-    client_ = ctx_.connect();
+  void start() {
+    ClientTest::start({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT",
+                       "ITEMIZED_PURGEABLE_ENTITLEMENT"});
   }
 
   Value::Dictionary query(Value::Dictionary info, const char* method = "ClientPurgeableSpace") {
@@ -37,40 +33,7 @@ class PurgeableQuery : public ::testing::Test {
     return query(info);
   }
 
-  // Queries "/" until an answer comes wholly from the cache, the daemon
-  // having asked nobody. The first round asks the services. Other tests
-  // beside this one write to the same disk, and once its free space has moved
-  // past the cache's tolerance the daemon drops every cached answer and asks
-  // again. Each further round waits for the replies the last one set off.
-  Value::Dictionary queryFromCache(const std::vector<std::string>& ids,
-                                   const char* method = "ClientPurgeableSpace") {
-    for (int round = 0; round < 6; ++round) {
-      std::vector<std::size_t> asked, replies;
-      for (const auto& id : ids) {
-        asked.push_back(logCount("^^^asking " + id + " "));
-        replies.push_back(logCount("serviceID: " + id + " : "));
-      }
-      auto result = query({{"VANTOR_VOLUME", Value("/")}}, method);
-      bool fromCache = true;
-      for (std::size_t i = 0; i < ids.size(); ++i) {
-        if (logCount("^^^asking " + ids[i] + " ") == asked[i])
-          continue;
-        fromCache = false;
-        EXPECT_TRUE(waitUntil([&] { return logCount("serviceID: " + ids[i] + " : ") > replies[i]; },
-                              seconds(10)))
-            << ids[i];
-      }
-      if (fromCache)
-        return result;
-    }
-    ADD_FAILURE() << "the cache was dropped on every round\n" << ctx_.daemonLog();
-    return {};
-  }
-
   std::size_t logCount(const std::string& text) const { return ctx_.logCount(text); }
-
-  TestContext ctx_;
-  std::unique_ptr<sdbus::IConnection> client_;
 };
 
 TEST_F(PurgeableQuery, SumsEveryServiceAndAnswersAgainFromTheCache) {

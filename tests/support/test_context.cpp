@@ -4,16 +4,16 @@
 #include <unistd.h>
 
 #include <charconv>
-#include <string_view>
-
 #include <cstdarg>
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <string_view>
 #include <thread>
 
 #include "platform/clock/clock.h"
 #include "platform/values/dbus_value.h"
+#include "platform/values/plist_io.h"
 #include "support/log.h"
 #include "support/volumes.h"
 
@@ -145,6 +145,51 @@ bool TestContext::startDaemonGranting(const std::vector<std::string>& names,
                                       const std::map<std::string, std::string>& extraEnv) {
   grantUser("me.plist", ::getuid(), names);
   return startDaemon(extraEnv);
+}
+
+void ClientTest::start(const std::vector<std::string>& names,
+                       const std::map<std::string, std::string>& env,
+                       const std::vector<std::string>& programNames) {
+  if (!programNames.empty()) {
+    const Value policy(Value::Dictionary{
+        {"Executables",
+         Value(Value::Array{Value(std::filesystem::read_symlink("/proc/self/exe").string())})},
+        {"com.tessaly.private.Vantor",
+         Value(Value::Array(programNames.begin(), programNames.end()))},
+    });
+    const auto bytes = encodePlist(policy, PlistFormat::kXml);
+    ctx_.writeFile(ctx_.policyDir() / "program.plist", std::string(bytes.begin(), bytes.end()));
+  }
+  ASSERT_TRUE(ctx_.startDaemonGranting(names, env));
+  client_ = ctx_.connect();
+}
+
+Value::Dictionary ClientTest::queryFromCache(const std::vector<std::string>& ids,
+                                             const std::string& method) {
+  const auto asking = [&](const std::string& id) { return ctx_.logCount("^^^asking " + id + " "); };
+  const auto replies = [&](const std::string& id) {
+    return ctx_.logCount("serviceID: " + id + " : ");
+  };
+  for (int round = 0; round < 6; ++round) {
+    std::vector<std::size_t> asked, replied;
+    for (const auto& id : ids) {
+      asked.push_back(asking(id));
+      replied.push_back(replies(id));
+    }
+    auto result = callClient(*client_, method, {{"VANTOR_VOLUME", Value("/")}});
+    bool fromCache = true;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      if (asking(ids[i]) == asked[i])
+        continue;
+      fromCache = false;
+      EXPECT_TRUE(waitUntil([&] { return replies(ids[i]) > replied[i]; }, std::chrono::seconds(20)))
+          << ids[i];
+    }
+    if (fromCache)
+      return result;
+  }
+  ADD_FAILURE() << "the cache was dropped on every round\n" << ctx_.daemonLog();
+  return {};
 }
 
 void TestContext::reportFailure(const std::string& what) {

@@ -39,6 +39,28 @@ class TestContext : public testkit::DaemonHarness {
   void reportFailure(const std::string& what) override;
 };
 
+// A test against a daemon with one client connection to it.
+class ClientTest : public ::testing::Test {
+ protected:
+  // Grants the test's user `names`, and this test program (not vantorctl or
+  // other programs run by the same user) `programNames` besides, then starts
+  // the daemon with `env` and connects.
+  void start(const std::vector<std::string>& names,
+             const std::map<std::string, std::string>& env = {},
+             const std::vector<std::string>& programNames = {});
+  // Queries "/" with `method` until an answer comes wholly from the cache,
+  // the daemon having asked none of `ids`. The first round asks the services.
+  // Other tests beside this one write to the same disk, and once its free
+  // space has moved past the cache's tolerance the daemon drops every cached
+  // answer and asks again. Each further round waits for the replies the last
+  // one set off.
+  Value::Dictionary queryFromCache(const std::vector<std::string>& ids,
+                                   const std::string& method = "ClientPurgeableSpace");
+
+  TestContext ctx_;
+  std::unique_ptr<sdbus::IConnection> client_;
+};
+
 // A service on the raw bus rather than the example service: an object at the
 // service path on a connection of its own, answering the ping with `pong`.
 // Register any other methods on `object` before checkIn.

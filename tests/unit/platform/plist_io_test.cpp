@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <limits>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,31 +14,6 @@ namespace {
 
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
-// A dictionary holding every type a property list can carry. (Every type
-// comes back equal through the daemon's store in persistent_state_test.)
-Value everyType() {
-  Value::Dictionary nested{
-      {"empty array", Value(Value::Array{})},
-      {"empty dictionary", Value(Value::Dictionary{})},
-      {"list", Value(Value::Array{Value(1), Value("two"), Value(Value::Array{Value(false)})})},
-  };
-  return Value(Value::Dictionary{
-      {"yes", Value(true)},
-      {"no", Value(false)},
-      {"negative", Value(std::int64_t{-42})},
-      {"most negative", Value(std::numeric_limits<std::int64_t>::min())},
-      {"positive", Value(7)},
-      {"real", Value(-2.25)},
-      {"text", Value("naïve – 日本 <&>")},
-      {"empty text", Value("")},
-      {"data", Value(Value::Data{0x00, 0x01, 0x00, 0xff, 0x00})},
-      {"date", Value(Date{1'795'341'600LL * 1'000'000})},
-      {"epoch", Value(Date{0})},
-      {"nested", Value(nested)},
-      {"ünïcode key", Value(1.0)},
-  });
 }
 
 // Sizes and reference widths change at these counts: a count of 15 no longer
@@ -86,7 +60,15 @@ TEST(PlistText, MalformedBytesBecomeReplacementsAndTextEndsAtANul) {
 }
 
 TEST(PlistParse, MalformedInputIsAnErrorNotACrash) {
-  const auto binary = encodePlist(everyType(), PlistFormat::kBinary);
+  // Nested containers of several types, so cut or spoilt offsets land in all
+  // of them. (Every type round-trips through the daemon's store in
+  // persistent_state_test.)
+  const auto binary =
+      encodePlist(Value(Value::Dictionary{
+                      {"list", Value(Value::Array{Value(-2.25), Value("two"), Value(true)})},
+                      {"data", Value(Value::Data{0x00, 0xff})},
+                      {"date", Value(Date{0})}}),
+                  PlistFormat::kBinary);
   const std::vector<std::uint8_t> firstHalf(binary.begin(), binary.begin() + binary.size() / 2);
   std::vector<std::uint8_t> badTrailer = binary;
   for (std::size_t i = badTrailer.size() - 26; i < badTrailer.size(); ++i) {
