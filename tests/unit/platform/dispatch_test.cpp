@@ -135,6 +135,22 @@ TEST(DispatchDeathTest, MisuseAborts) {
   EXPECT_DEATH(group->leave(), "left more often than entered");
 }
 
+// Holds `count` pool threads with blocks that wait on the returned gate,
+// once each has started; signal the gate once per block to let them go.
+std::shared_ptr<Semaphore> holdPoolThreads(std::size_t count) {
+  auto gate = std::make_shared<Semaphore>();
+  auto started = std::make_shared<Semaphore>();
+  for (std::size_t i = 0; i < count; ++i) {
+    globalAsync([=] {
+      started->signal();
+      gate->wait();
+    });
+  }
+  for (std::size_t i = 0; i < count; ++i)
+    EXPECT_TRUE(started->wait(soon()));
+  return gate;
+}
+
 // Blocked callers may hold every ordinary thread; the drains of serial
 // queues, which everyone waits for, still get threads of their own. (That
 // the pool grows past hundreds of blocked callers at its usual limit: the
@@ -142,16 +158,8 @@ TEST(DispatchDeathTest, MisuseAborts) {
 TEST(GlobalPool, SerialQueuesKeepRunningWhenEveryOrdinaryThreadIsBlocked) {
   constexpr std::size_t kLimit = 4;
   setOrdinaryThreadLimitForTesting(kLimit);
-  auto gate = std::make_shared<Semaphore>();
-  auto started = std::make_shared<Semaphore>();
-  for (std::size_t i = 0; i < kLimit; ++i) {
-    globalAsync([=] {
-      started->signal();
-      gate->wait();
-    });
-  }
-  for (std::size_t i = 0; i < kLimit; ++i)
-    ASSERT_TRUE(started->wait(soon()));
+  auto gate = holdPoolThreads(kLimit);
+  ASSERT_FALSE(::testing::Test::HasFailure());
   Semaphore ordinaryRan;
   globalAsync([&] { ordinaryRan.signal(); });
   EXPECT_FALSE(ordinaryRan.wait(shortly())) << "the limit holds ordinary blocks back";
@@ -175,16 +183,8 @@ TEST(GlobalPool, SerialQueuesKeepRunningWhenEveryOrdinaryThreadIsBlocked) {
 // though blocks keep coming: the latest idle thread takes each one.
 TEST(GlobalPool, ThreadsABurstStartedRetireUnderSteadyLightWork) {
   constexpr std::size_t kBurst = 32;
-  auto gate = std::make_shared<Semaphore>();
-  auto started = std::make_shared<Semaphore>();
-  for (std::size_t i = 0; i < kBurst; ++i) {
-    globalAsync([=] {
-      started->signal();
-      gate->wait();
-    });
-  }
-  for (std::size_t i = 0; i < kBurst; ++i)
-    ASSERT_TRUE(started->wait(soon()));
+  auto gate = holdPoolThreads(kBurst);
+  ASSERT_FALSE(::testing::Test::HasFailure());
   EXPECT_GE(globalPoolStats().threads, kBurst);
   for (std::size_t i = 0; i < kBurst; ++i)
     gate->signal();
