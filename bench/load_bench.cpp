@@ -214,6 +214,39 @@ void runClient(int index, const std::string& address, double rate, Clock::time_p
   }
 }
 
+// The bus's own share of a round trip: on a connection of its own, pings the
+// bus daemon and vantord in turn, each kPingRate times a second, counted
+// from the moment each ping was due like the state calls. vantord's bus
+// library answers a ping on its bus thread without running any of the
+// daemon's code, so a slow ping there is a busy bus thread or a slow bus.
+constexpr double kPingRate = 50;
+enum Target { kBusDaemon, kVantord, kTargets };
+
+void runPings(const std::string& address, Clock::time_point start, Clock::time_point end,
+              std::array<std::vector<Sample>, kTargets>& out) {
+  auto connection = sdbus::createSessionBusConnectionWithAddress(address);
+  const std::array<std::unique_ptr<sdbus::IProxy>, kTargets> proxies = {
+      sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus"),
+      sdbus::createProxy(*connection, "com.tessaly.vantor", "/com/tessaly/vantor")};
+  const auto period = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(1.0 / (kPingRate * static_cast<int>(kTargets))));
+  auto due = start;
+  for (int turn = 0; Clock::now() < end; ++turn) {
+    std::this_thread::sleep_until(due);
+    const auto before = due;
+    due += period;
+    auto& proxy = *proxies[turn % kTargets];
+    try {
+      proxy.callMethod(proxy.createMethodCall("org.freedesktop.DBus.Peer", "Ping"), 5'000'000);
+    } catch (const sdbus::Error&) {
+      continue;  // counted nowhere: only the time of answered pings matters here
+    }
+    out[turn % kTargets].push_back(
+        {std::chrono::duration<float>(before - start).count(),
+         std::chrono::duration<float, std::milli>(Clock::now() - before).count()});
+  }
+}
+
 double average(const std::vector<Resources>& samples, std::size_t from, std::size_t to,
                double Resources::*field) {
   double sum = 0;
@@ -283,12 +316,15 @@ int main(int argc, char** argv) {
       std::this_thread::sleep_until(next);
     }
   });
+  std::array<std::vector<Sample>, kTargets> pings;
+  std::thread pinger(runPings, ctx.busAddress(), start, end, std::ref(pings));
   std::vector<ClientResults> results(kClients);
   std::vector<std::thread> clients;
   for (int i = 0; i < kClients; ++i)
     clients.emplace_back(runClient, i, ctx.busAddress(), rate, start, end, std::ref(results[i]));
   for (auto& client : clients)
     client.join();
+  pinger.join();
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   sampler.join();
   restarter.join();
@@ -337,23 +373,34 @@ int main(int argc, char** argv) {
   }
 
   std::printf(
-      "\nper 10 s window   ClientGetState calls   p99 ms   daemon at its end: threads  fds  "
-      "RSS MiB\n");
+      "\nper 10 s window   ClientGetState calls   p99 ms   ping p99 ms: bus daemon  vantord   "
+      "daemon at its end: threads  fds  RSS MiB\n");
   for (int window = 0; window * 10 < duration; ++window) {
+    const auto inWindow = [&](const Sample& s) {
+      return s.at >= static_cast<float>(window * 10) && s.at < static_cast<float>(window * 10 + 10);
+    };
     std::vector<double> ms;
     for (const auto& r : results) {
       for (const auto& s : r.samples[kGet]) {
-        if (s.at >= static_cast<float>(window * 10) && s.at < static_cast<float>(window * 10 + 10))
+        if (inWindow(s))
           ms.push_back(s.ms);
+      }
+    }
+    std::array<std::vector<double>, kTargets> pingMs;
+    for (int t = 0; t < kTargets; ++t) {
+      for (const auto& s : pings[t]) {
+        if (inWindow(s))
+          pingMs[t].push_back(s.ms);
       }
     }
     const Resources at =
         resources.empty()
             ? Resources{}
             : resources[std::min(resources.size(), std::size_t(window * 10 + 10)) - 1];
-    std::printf("  %3d-%3d s %21zu %8.2f %28.0f %4.0f %8.1f\n", window * 10,
-                std::min(duration, window * 10 + 10), ms.size(), percentile(ms, 0.99), at.threads,
-                at.descriptors, at.rssMiB);
+    std::printf("  %3d-%3d s %21zu %8.2f %24.2f %8.2f %28.0f %4.0f %8.1f\n", window * 10,
+                std::min(duration, window * 10 + 10), ms.size(), percentile(ms, 0.99),
+                percentile(pingMs[kBusDaemon], 0.99), percentile(pingMs[kVantord], 0.99),
+                at.threads, at.descriptors, at.rssMiB);
   }
   // Idle pool threads retire after a few seconds: what is left once the
   // daemon has been idle that long is kept for good.

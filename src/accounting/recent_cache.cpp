@@ -24,9 +24,9 @@ constexpr double kAgeLimit = 120.0;
 // caller owns what it gets; see keepRecentInfo.
 std::shared_ptr<VantorRecentInfo> loadRecentInfo(Vantor& vantor) {
   std::shared_ptr<VantorRecentInfo> info;
-  // The get worker with a reply of our own rather than clientGetStateSync:
-  // the archive is compared where it is stored, not copied out first.
-  vantor._clientGetState(Value(kRecentKey), [&](const Value& stored) {
+  // A reply of our own rather than clientGetStateSync: the archive is
+  // compared where it is kept, not copied out first.
+  vantor._readOwnState(Value(kRecentKey), [&](const Value& stored) {
     if (stored.isNull())
       return;
     if (!stored.isData()) {

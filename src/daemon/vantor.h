@@ -50,7 +50,8 @@ enum class OptOut { kQuery, kRecord };
 //   daemons                                    daemons_queue
 //   purgeableInFlight, purgeInFlight,
 //   periodicInFlight, optOuts                  collection_queue
-//   userDefaults (client state, recent info)   defaults_queue
+//   userDefaults (client state, recent info),
+//   unwrittenState                             defaults_queue
 // The purge bookkeeping numbers are atomics read and written without a queue.
 // The class is declared here; each subsystem folder defines the methods it
 // owns.
@@ -220,6 +221,22 @@ class Vantor final : public VantorClientProtocol,
   void _clientSetState(const Value& value, const Value& key, const StatusReply& reply,
                        const std::string& sender = {});
   void _clientGetState(const Value& key, const ObjectReply& reply);
+  // Changes to the client state made in memory and not yet written, by key
+  // (a null value removes the key), and the callers waiting for them. The
+  // first change schedules a write on defaults_queue, and every change queued
+  // before that write runs goes out with it: a burst of sets costs one write,
+  // and each caller is answered once its change is in the store. Clients read
+  // only what is written; the daemon's own reads see its unwritten changes.
+  struct UnwrittenState {
+    Value::Dictionary changes;
+    std::vector<StatusReply> waiting;
+    bool writeScheduled = false;
+  };
+  UnwrittenState unwrittenState;
+  void _writeUnwrittenState();
+  // The daemon's own read of `key`: its unwritten change when there is one,
+  // else what the get worker answers.
+  void _readOwnState(const Value& key, const ObjectReply& reply);
   // What the in-process forms carry: a property-list value, or the
   // recent-info record, which the store keeps as its keyed archive. The set
   // archives a record and passes any other value unchanged; the get unarchives

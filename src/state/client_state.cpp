@@ -1,5 +1,6 @@
 // Persistent client state: one dictionary in the settings store, written
-// through on every set, with defaults filling the gaps on reads. The set
+// before each set is answered (the sets queued together share one write),
+// with defaults filling the gaps on reads. The set
 // worker takes any key and value as given and logs nothing of them, except
 // that a client's set is held to the limits below.
 
@@ -33,6 +34,13 @@ constexpr std::size_t kMaxStateBytes = 1024 * 1024;
 std::size_t storedSize(const Value& value) {
   constexpr std::size_t kObject = 9;
   constexpr std::size_t kReference = 2;
+  // Strings, data and scalars, which most values are, need no walk.
+  if (const auto* text = value.asString())
+    return kObject + text->size();
+  if (const auto* data = value.asData())
+    return kObject + data->size();
+  if (!value.isArray() && !value.isDictionary())
+    return kObject;
   std::size_t total = 0;
   std::vector<const Value*> pending{&value};
   while (!pending.empty()) {
@@ -62,8 +70,10 @@ std::size_t storedSize(const std::string& key, const Value& value) {
 }
 
 // The limit a client's set of `value` under `key` would break, or nullopt.
-// Removing a key is always allowed. `state` is the state before the set.
-std::optional<std::string> limitBroken(const Value::Dictionary& state, const std::string& key,
+// Removing a key is always allowed. The state before the set is `written`
+// (null when there is none) with `unwritten` on top.
+std::optional<std::string> limitBroken(const Value::Dictionary* written,
+                                       const Value::Dictionary& unwritten, const std::string& key,
                                        const Value& value) {
   if (key.size() > kMaxKeyBytes)
     return "key of " + std::to_string(key.size()) + " bytes (limit " +
@@ -75,8 +85,14 @@ std::optional<std::string> limitBroken(const Value::Dictionary& state, const std
     return "value of about " + std::to_string(size) + " bytes (limit " +
            std::to_string(kMaxValueBytes) + ")";
   std::size_t total = 0;
-  for (const auto& [k, v] : state) {
-    if (k != key)
+  if (written != nullptr) {
+    for (const auto& [k, v] : *written) {
+      if (k != key && unwritten.count(k) == 0)
+        total += storedSize(k, v);
+    }
+  }
+  for (const auto& [k, v] : unwritten) {
+    if (k != key && !v.isNull())
       total += storedSize(k, v);
   }
   total += storedSize(key, value);
@@ -84,6 +100,12 @@ std::optional<std::string> limitBroken(const Value::Dictionary& state, const std
     return "client state of about " + std::to_string(total) + " bytes (limit " +
            std::to_string(kMaxStateBytes) + ")";
   return std::nullopt;
+}
+
+// The stored state, when it is a dictionary.
+const Value::Dictionary* writtenState(const SettingsStore& store) {
+  const Value* stored = store.objectForKey(kStateKey);
+  return stored != nullptr ? stored->asDictionary() : nullptr;
 }
 
 }  // namespace
@@ -108,44 +130,69 @@ void Vantor::_clientSetState(const Value& value, const Value& key, const StatusR
                              const std::string& sender) {
   constexpr char kName[] = "-[Vantor _clientSetState:key:replyBlock:]";
   defaults_queue->assertCurrent(kName);
-  if (userDefaults) {
-    if (std::string error; !userDefaults->synchronize(&error))
-      VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
-    // Anything stored in the state's place that is not a dictionary gives way
-    // to a fresh one.
-    Value::Dictionary state;
-    if (const Value* stored = userDefaults->objectForKey(kStateKey);
-        stored != nullptr && stored->isDictionary())
-      state = stored->get<Value::Dictionary>();
-    // The store's dictionaries have string keys: a key of another type names
-    // no entry, and the state is written back as it was.
-    if (const std::string* name = key.asString()) {
-      if (!sender.empty()) {
-        if (auto broken = limitBroken(state, *name, value)) {
-          VANTOR_LOG(3, "%s refused a set from %@: %@", kName, sender.c_str(), broken->c_str());
-          reply(ClientError{kErrorLimitsExceeded, "Refused: " + *broken});
-          return;
-        }
-      }
-      if (value.isNull()) {
-        state.erase(*name);
-      } else {
-        state[*name] = value;
+  // Services hear the value as it was given, null included, once it is
+  // stored.
+  StatusReply answer = reply;
+  if (key == Value(kCacheEnabledKey)) {
+    answer = [self = shared_from_this(), value, reply](std::optional<ClientError> failure) {
+      if (!failure)
+        self->notifyRecipients(kCacheEnabledKey, value);
+      reply(std::move(failure));
+    };
+  }
+  if (!userDefaults) {
+    answer(std::nullopt);
+    return;
+  }
+  // The store's dictionaries have string keys: a key of another type names
+  // no entry, and its caller is answered with the next write all the same.
+  if (const std::string* name = key.asString()) {
+    if (!sender.empty()) {
+      if (std::string error; !userDefaults->synchronize(&error))
+        VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
+      if (auto broken =
+              limitBroken(writtenState(*userDefaults), unwrittenState.changes, *name, value)) {
+        VANTOR_LOG(3, "%s refused a set from %@: %@", kName, sender.c_str(), broken->c_str());
+        reply(ClientError{kErrorLimitsExceeded, "Refused: " + *broken});
+        return;
       }
     }
-    // A change that cannot be written is dropped, in memory as on disk, and
-    // the caller is told why.
-    std::string error;
-    if (!userDefaults->setObject(kStateKey, Value(std::move(state)), &error)) {
-      VANTOR_LOG(3, "%s cannot write the settings store: %@", kName, error.c_str());
-      reply(ClientError{kErrorIOError, "The settings store cannot be written: " + error});
-      return;
+    unwrittenState.changes.insert_or_assign(*name, value);
+  }
+  unwrittenState.waiting.push_back(std::move(answer));
+  if (!unwrittenState.writeScheduled) {
+    unwrittenState.writeScheduled = true;
+    defaults_queue->async([self = shared_from_this()] { self->_writeUnwrittenState(); });
+  }
+}
+
+void Vantor::_writeUnwrittenState() {
+  constexpr char kName[] = "-[Vantor _writeUnwrittenState]";
+  defaults_queue->assertCurrent(kName);
+  UnwrittenState batch = std::exchange(unwrittenState, {});
+  if (std::string error; !userDefaults->synchronize(&error))
+    VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
+  // Anything stored in the state's place that is not a dictionary gives way
+  // to a fresh one.
+  Value::Dictionary state;
+  if (const Value::Dictionary* written = writtenState(*userDefaults))
+    state = *written;
+  for (auto& [name, value] : batch.changes) {
+    if (value.isNull()) {
+      state.erase(name);
+    } else {
+      state.insert_or_assign(name, std::move(value));
     }
   }
-  // Services hear the value as it was given, null included.
-  if (key == Value(kCacheEnabledKey))
-    notifyRecipients(kCacheEnabledKey, value);
-  reply(std::nullopt);
+  // Changes that cannot be written are dropped, in memory as on disk, and
+  // their callers are told why.
+  std::optional<ClientError> failure;
+  if (std::string error; !userDefaults->setObject(kStateKey, Value(std::move(state)), &error)) {
+    VANTOR_LOG(3, "%s cannot write the settings store: %@", kName, error.c_str());
+    failure = ClientError{kErrorIOError, "The settings store cannot be written: " + error};
+  }
+  for (const auto& answer : batch.waiting)
+    answer(failure);
 }
 
 void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
@@ -198,7 +245,8 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
 }
 
 void Vantor::clientSetStateSync(const StateObject& value, const Value& key) {
-  // The worker replies before it returns, so this never waits.
+  // Nobody waits for the daemon's own writes: the next write on
+  // defaults_queue takes them to the store.
   if (const auto* record = std::get_if<std::shared_ptr<VantorRecentInfo>>(&value)) {
     _clientSetState(*record ? Value(archiveRecentInfo(**record)) : Value(), key,
                     [](std::optional<ClientError>) {});
@@ -207,9 +255,20 @@ void Vantor::clientSetStateSync(const StateObject& value, const Value& key) {
   _clientSetState(std::get<Value>(value), key, [](std::optional<ClientError>) {});
 }
 
+void Vantor::_readOwnState(const Value& key, const ObjectReply& reply) {
+  defaults_queue->assertCurrent("-[Vantor _readOwnState:replyBlock:]");
+  if (const std::string* name = key.asString()) {
+    if (auto it = unwrittenState.changes.find(*name); it != unwrittenState.changes.end()) {
+      reply(it->second);
+      return;
+    }
+  }
+  _clientGetState(key, reply);
+}
+
 Vantor::StateObject Vantor::clientGetStateSync(const Value& key) {
   StateObject answer;
-  _clientGetState(key, [&](const Value& stored) {
+  const auto read = [&](const Value& stored) {
     if (!stored.isData()) {
       answer = stored;
     } else if (auto record = unarchiveRecentInfo(stored.get<Value::Data>())) {
@@ -217,7 +276,8 @@ Vantor::StateObject Vantor::clientGetStateSync(const Value& key) {
     } else {
       answer = Value();  // data that is no archive of a record
     }
-  });
+  };
+  _readOwnState(key, read);
   return answer;
 }
 
