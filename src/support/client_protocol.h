@@ -55,6 +55,8 @@ class VantorClientProtocol {
   virtual void clientItemizedPurgeableSpace(const Value& info, DictionaryReply reply) = 0;
   virtual void clientPurge(const Value& info, DictionaryReply reply) = 0;
   virtual void clientCancelPurge(EmptyReply reply) = 0;
+  // These two only queue their work and return: the listener may call them
+  // on the bus thread, which must never wait.
   virtual void clientSetState(const Value& value, const Value& key, StatusReply reply) = 0;
   virtual void clientGetState(const Value& key, ObjectReply reply) = 0;
 };

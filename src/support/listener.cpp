@@ -174,10 +174,17 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
   using Notify_adaptor::emitPosted;
 
  private:
+  // Whether a call's body may wait (for services, for the bus) or only
+  // queues its work and returns.
+  enum class Body { kMayWait, kQueuesOnly };
+
   // Runs on the bus thread: refuses a call over the limits at once, with no
-  // pool thread spent on it, and hands every other call to the pool.
+  // pool thread spent on it, and hands every other call to the pool. A body
+  // that only queues its work runs here when its caller is known already,
+  // sparing the pool a thread switch per call.
   template <typename R>
-  void dispatchCall(R&& result, std::function<void(std::shared_ptr<PendingCall<R>>)> body) {
+  void dispatchCall(R&& result, std::function<void(std::shared_ptr<PendingCall<R>>)> body,
+                    Body kind = Body::kMayWait) {
     std::string sender = getObject().getCurrentlyProcessedMessage()->getSender();
     std::string reason;
     auto admission = limits_->admit(sender, &reason);
@@ -191,19 +198,21 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
     }
     auto shared =
         std::make_shared<PendingCall<R>>(PendingCall<R>{std::move(result), std::move(admission)});
+    const auto run = [shared, body = std::move(body)] {
+      try {
+        body(shared);
+      } catch (const NotSupportedError& e) {
+        sendError(shared, dbus::kErrorNotSupported, e.what());
+      }
+    };
+    const auto deny = [shared] {
+      sendError(shared, dbus::kErrorAccessDenied, "Connection is not entitled");
+    };
+    if (kind == Body::kQueuesOnly && listener_.admitKnown(sender, run, deny))
+      return;
     VantorListener* listener = &listener_;
-    dispatch::globalAsync([listener, sender = std::move(sender), shared, body = std::move(body)] {
-      listener->admit(
-          sender,
-          [&] {
-            try {
-              body(shared);
-            } catch (const NotSupportedError& e) {
-              sendError(shared, dbus::kErrorNotSupported, e.what());
-            }
-          },
-          [&] { sendError(shared, dbus::kErrorAccessDenied, "Connection is not entitled"); });
-    });
+    dispatch::globalAsync(
+        [listener, sender = std::move(sender), run, deny] { listener->admit(sender, run, deny); });
   }
 
   template <typename R>
@@ -271,7 +280,8 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
 
   void ClientSetState(sdbus::Result<>&& result, VariantArray value, std::string key) override {
     dispatchCall<sdbus::Result<>>(
-        std::move(result), [this, value = std::move(value), key = std::move(key)](auto reply) {
+        std::move(result),
+        [this, value = std::move(value), key = std::move(key)](auto reply) {
           if (value.size() > 1) {
             sendError(reply, dbus::kErrorInvalidArgs, "value holds more than one element");
             return;
@@ -288,16 +298,19 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
                   sendReply(reply, [](auto& r) { r.returnResults(); });
                 }
               });
-        });
+        },
+        Body::kQueuesOnly);
   }
 
   void ClientGetState(sdbus::Result<VariantArray>&& result, std::string key) override {
     dispatchCall<sdbus::Result<VariantArray>>(
-        std::move(result), [this, key = std::move(key)](auto reply) {
+        std::move(result),
+        [this, key = std::move(key)](auto reply) {
           listener_.exported().clientGetState(Value(key), [reply](const Value& v) {
             sendReply(reply, [&](auto& r) { r.returnResults(toOptionalVariant(v)); });
           });
-        });
+        },
+        Body::kQueuesOnly);
   }
 
   // --- administration: read-only, answered on the pool thread ------------
@@ -467,12 +480,15 @@ int VantorListener::postPurgeFinished(const Value::Dictionary& purge) {
   return 0;
 }
 
+std::shared_ptr<const ClientConnection> VantorListener::knownConnection(const std::string& sender) {
+  std::lock_guard lock(cacheMutex_);
+  auto it = cache_.find(sender);
+  return it != cache_.end() ? it->second : nullptr;
+}
+
 std::shared_ptr<const ClientConnection> VantorListener::connectionFor(const std::string& sender) {
-  {
-    std::lock_guard lock(cacheMutex_);
-    if (auto it = cache_.find(sender); it != cache_.end())
-      return it->second;
-  }
+  if (auto known = knownConnection(sender))
+    return known;
   // Unique bus names are never reused while the bus runs, and a connection's
   // credentials are fixed when it connects, so the answer can be kept.
   std::optional<PeerIdentity> identity;
@@ -496,11 +512,25 @@ std::shared_ptr<const ClientConnection> VantorListener::connectionFor(const std:
 
 void VantorListener::admit(const std::string& sender, const std::function<void()>& body,
                            const std::function<void()>& deny) {
-  auto connection = connectionFor(sender);
+  admitConnection(connectionFor(sender), body, deny);
+}
+
+bool VantorListener::admitKnown(const std::string& sender, const std::function<void()>& body,
+                                const std::function<void()>& deny) {
+  auto connection = knownConnection(sender);
+  if (!connection)
+    return false;
+  admitConnection(connection, body, deny);
+  return true;
+}
+
+void VantorListener::admitConnection(const std::shared_ptr<const ClientConnection>& connection,
+                                     const std::function<void()>& body,
+                                     const std::function<void()>& deny) {
   if (!connectionIsEntitled(connection.get(),
                             std::vector<std::string>(required_.begin(), required_.end()))) {
     VANTOR_LOG(3, "%s refused a call from %@: not entitled", "-[VantorListener admit]",
-               sender.c_str());
+               connection->sender().c_str());
     deny();
     return;
   }

@@ -68,12 +68,20 @@ class VantorListener {
   // Used by the exported D-Bus object on pool threads.
   void admit(const std::string& sender, const std::function<void()>& body,
              const std::function<void()>& deny);
+  // As admit, for a sender whose credentials are known already; returns
+  // false, having run neither, for any other. Never waits, so the bus thread
+  // may call it.
+  bool admitKnown(const std::string& sender, const std::function<void()>& body,
+                  const std::function<void()>& deny);
 
   VantorClientProtocol& exported() { return *exported_; }
 
  private:
   explicit VantorListener(std::shared_ptr<VantorClientProtocol> exported);
   std::shared_ptr<const ClientConnection> connectionFor(const std::string& sender);
+  std::shared_ptr<const ClientConnection> knownConnection(const std::string& sender);
+  void admitConnection(const std::shared_ptr<const ClientConnection>& connection,
+                       const std::function<void()>& body, const std::function<void()>& deny);
   void startEventLoop();
 
   std::shared_ptr<VantorClientProtocol> exported_;
