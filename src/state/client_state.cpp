@@ -1,8 +1,8 @@
 // Persistent client state: one dictionary in the settings store, written
 // before each set is answered (the sets queued together share one write),
-// with defaults filling the gaps on reads. The set
-// worker takes any key and value as given and logs nothing of them, except
-// that a client's set is held to the limits below.
+// with defaults filling the gaps on reads. The set worker takes any key and
+// value as given and logs nothing of them, except that a client's set is held
+// to the limits below.
 
 #include <string>
 #include <utility>
