@@ -172,22 +172,11 @@ void Vantor::_writeUnwrittenState() {
   UnwrittenState batch = std::exchange(unwrittenState, {});
   if (std::string error; !userDefaults->synchronize(&error))
     VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
-  // Anything stored in the state's place that is not a dictionary gives way
-  // to a fresh one.
-  Value::Dictionary state;
-  if (const Value::Dictionary* written = writtenState(*userDefaults))
-    state = *written;
-  for (auto& [name, value] : batch.changes) {
-    if (value.isNull()) {
-      state.erase(name);
-    } else {
-      state.insert_or_assign(name, std::move(value));
-    }
-  }
   // Changes that cannot be written are dropped, in memory as on disk, and
   // their callers are told why.
   std::optional<ClientError> failure;
-  if (std::string error; !userDefaults->setObject(kStateKey, Value(std::move(state)), &error)) {
+  if (std::string error;
+      !userDefaults->mergeIntoDictionary(kStateKey, std::move(batch.changes), &error)) {
     VANTOR_LOG(3, "%s cannot write the settings store: %@", kName, error.c_str());
     failure = ClientError{kErrorIOError, "The settings store cannot be written: " + error};
   }

@@ -188,6 +188,50 @@ bool SettingsStore::setObject(const std::string& key, std::optional<Value> value
   return false;
 }
 
+bool SettingsStore::mergeIntoDictionary(const std::string& key, Value::Dictionary changes,
+                                        std::string* error) {
+  Value::Dictionary& dict = contents();
+  const auto [it, added] = dict.try_emplace(key, Value::Dictionary{});
+  std::optional<Value> displaced;
+  if (!it->second.isDictionary())
+    displaced = std::exchange(it->second, Value(Value::Dictionary{}));
+  Value::Dictionary& target = it->second.get<Value::Dictionary>();
+  // What each change replaced (nullopt: nothing), to put back if the write
+  // fails.
+  std::vector<std::pair<std::string, std::optional<Value>>> undo;
+  undo.reserve(changes.size());
+  for (auto& [name, value] : changes) {
+    const auto at = target.find(name);
+    if (at == target.end()) {
+      undo.emplace_back(name, std::nullopt);
+      if (!value.isNull())
+        target.emplace(name, std::move(value));
+    } else if (value.isNull()) {
+      undo.emplace_back(name, std::move(at->second));
+      target.erase(at);
+    } else {
+      undo.emplace_back(name, std::exchange(at->second, std::move(value)));
+    }
+  }
+  if (write(error))
+    return true;
+  // What was not written is not kept: memory stays what the disk holds.
+  if (added) {
+    dict.erase(it);
+  } else if (displaced) {
+    it->second = std::move(*displaced);
+  } else {
+    for (auto& [name, previous] : undo) {
+      if (previous) {
+        target.insert_or_assign(name, std::move(*previous));
+      } else {
+        target.erase(name);
+      }
+    }
+  }
+  return false;
+}
+
 bool SettingsStore::synchronize(std::string* error) {
   struct stat st {};
   std::optional<FileStamp> current;

@@ -59,6 +59,14 @@ class SettingsStore {
   // the store is then unchanged, in memory and on disk.
   bool setObject(const std::string& key, std::optional<Value> value, std::string* error = nullptr);
 
+  // Sets the entries of `changes` in the dictionary under `key` (a null
+  // value removes the entry) and writes the file through: many changes in one
+  // write, without copying the dictionary. A missing key, or a value that is
+  // not a dictionary, gives way to a fresh dictionary. Fails like `setObject`,
+  // leaving the store unchanged.
+  bool mergeIntoDictionary(const std::string& key, Value::Dictionary changes,
+                           std::string* error = nullptr);
+
   // Re-reads the file when it changed on disk since it was last read or
   // written (another writer, or a restore). Returns false with a reason when
   // it was found corrupt (and moved aside), or could not be read (the

@@ -204,6 +204,17 @@ TEST_F(SettingsStoreTest, AWriteThatFailsAtAnyStepLosesNothing) {
     EXPECT_EQ(valueAt(*store, "k"), Value("old"));
     EXPECT_TRUE(movedAside().empty());
   }
+
+  // A merge that fails puts back what it removed, replaced and added.
+  const Value before(Value::Dictionary{{"a", Value(1)}, {"b", Value(2)}});
+  ASSERT_TRUE(SettingsStore::open(path_)->setObject("d", before));
+  FaultyFiles files(Op::kRename, EIO);
+  auto store = SettingsStore::open(path_, nullptr, files);
+  EXPECT_FALSE(store->mergeIntoDictionary("d", {{"a", Value()}, {"b", Value(3)}, {"c", Value(4)}}));
+  EXPECT_EQ(valueAt(*store, "d"), before);
+  EXPECT_TRUE(store->mergeIntoDictionary("d", {{"a", Value()}, {"c", Value(4)}}));
+  EXPECT_EQ(valueAt(*SettingsStore::open(path_), "d"),
+            Value(Value::Dictionary{{"b", Value(2)}, {"c", Value(4)}}));
 }
 
 TEST_F(SettingsStoreTest, ABackupRoundThatFailsAtAnyStepKeepsThePreviousBackup) {
