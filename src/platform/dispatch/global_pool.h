@@ -25,7 +25,7 @@ inline constexpr std::size_t kOrdinaryThreadLimit = 1024;
 // The global concurrent queue. Blocks of a lane start in submission order on
 // pool threads and may run concurrently. When a block is submitted and no
 // thread is idle, the pool starts a new one (within the lane's limit), because
-// blocks may wait for minutes. A thread idle for a few seconds retires.
+// blocks may wait for minutes. A thread idle for a second retires.
 void globalAsync(Block block, Lane lane = Lane::kOrdinary);
 
 // Statistics for tests and benchmarks.
