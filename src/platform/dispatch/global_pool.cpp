@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <deque>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -34,7 +35,9 @@ std::atomic<UncaughtExceptionHandler> gUncaughtHandler{&writeUncaught};
 // at the limit) is left for a thread that is running an ordinary block. Each
 // such thread looks at the FIFOs at least once more, so a block never waits
 // for a thread that is busy, however long the running blocks take, unless the
-// ordinary limit holds it back.
+// ordinary limit holds it back. A thread called on when no other is idle
+// starts one to stand by, so that starting threads mostly falls to the pool
+// itself rather than to whoever submits.
 //
 // Idle threads are called on last in, first out. Steady work then keeps the
 // same few threads busy, and the threads a burst started stay idle until they
@@ -45,6 +48,7 @@ std::atomic<UncaughtExceptionHandler> gUncaughtHandler{&writeUncaught};
 class Pool {
  public:
   void submit(Block block, Lane lane) {
+    std::shared_ptr<Idle> callOn;
     {
       std::lock_guard lock(mutex_);
       if (lane == Lane::kReserve) {
@@ -53,18 +57,23 @@ class Pool {
         ordinary_.push_back(std::move(block));
       }
       if (!idle_.empty()) {
-        Idle* const latest = idle_.back();
+        callOn = std::move(idle_.back());
         idle_.pop_back();
-        latest->calledOn = true;
-        latest->cv.notify_one();
-        return;
-      }
-      if (lane == Lane::kOrdinary && ordinaryRunning_ >= limit_) {
+        callOn->calledOn = true;
+      } else if (lane == Lane::kOrdinary && ordinaryRunning_ >= limit_) {
         return;  // taken by the next thread to finish an ordinary block
+      } else {
+        ++threads_;
+        ++starting_;
       }
-      ++threads_;
     }
-    startThread();
+    // Woken outside the lock: the woken thread, which wants the lock at
+    // once, may well run before this one gets to release it.
+    if (callOn) {
+      callOn->cv.notify_one();
+    } else {
+      startThread();
+    }
   }
 
   GlobalPoolStats stats() {
@@ -79,6 +88,8 @@ class Pool {
 
  private:
   // An idle thread, waiting on its own condition variable to be called on.
+  // Shared, so that a submitter may notify it after releasing the lock even
+  // if the thread has woken, run its blocks and retired meanwhile.
   struct Idle {
     std::condition_variable cv;
     bool calledOn = false;
@@ -90,6 +101,7 @@ class Pool {
     } catch (const std::system_error& error) {
       std::lock_guard lock(mutex_);
       --threads_;
+      --starting_;
       std::fprintf(stderr, "<3>cannot start a pool thread: %s\n", error.what());
       if (threads_ == 0) {
         std::abort();  // nothing would ever run the queued blocks
@@ -116,7 +128,9 @@ class Pool {
   }
 
   void work() {
+    const auto self = std::make_shared<Idle>();
     std::unique_lock lock(mutex_);
+    --starting_;
     for (;;) {
       Block block;
       bool ordinary = false;
@@ -134,17 +148,28 @@ class Pool {
         }
       }
 
-      Idle self;
-      idle_.push_back(&self);
+      self->calledOn = false;
+      idle_.push_back(self);
       const Deadline retireAt = MonotonicClock::now() + kIdleRetirement;
-      while (!self.calledOn) {
-        if (self.cv.wait_until(lock, retireAt) == std::cv_status::timeout && !self.calledOn) {
+      while (!self->calledOn) {
+        if (self->cv.wait_until(lock, retireAt) == std::cv_status::timeout && !self->calledOn) {
           // The submitter takes a thread off `idle_` when it calls on it, so
           // one that was not called on is still there.
-          std::erase(idle_, &self);
+          std::erase(idle_, self);
           --threads_;
           return;
         }
+      }
+      // The last idle thread was called on. Start another to stand by, so
+      // the next submitter (most often the bus thread, which every caller
+      // waits for) finds one idle rather than starting a thread itself. One
+      // already on its way will do: it goes idle if nothing takes it first.
+      if (idle_.empty() && starting_ == 0) {
+        ++threads_;
+        ++starting_;
+        lock.unlock();
+        startThread();
+        lock.lock();
       }
     }
   }
@@ -154,8 +179,9 @@ class Pool {
   std::deque<Block> ordinary_;
   std::size_t limit_ = kOrdinaryThreadLimit;
   std::size_t threads_ = 0;
+  std::size_t starting_ = 0;  // started, not yet looked at the FIFOs
   std::size_t ordinaryRunning_ = 0;
-  std::vector<Idle*> idle_;  // waiting for work, not yet called on; latest last
+  std::vector<std::shared_ptr<Idle>> idle_;  // waiting for work, not yet called on; latest last
 };
 
 Pool& pool() {
