@@ -373,12 +373,18 @@ VantorListener::~VantorListener() {
   if (gResumedListener.compare_exchange_strong(self, nullptr))
     setServiceBus(nullptr, nullptr);
   object_.reset();
-  if (connection_) {
-    leaving_ = true;
-    connection_->leaveEventLoop();
+  leaveEventLoops();
+}
+
+void VantorListener::leaveEventLoops() {
+  leaving_ = true;
+  for (auto [connection, loop] : {std::pair{connection_.get(), &eventLoop_},
+                                  std::pair{serviceConnection_.get(), &serviceEventLoop_}}) {
+    if (loop->joinable()) {
+      connection->leaveEventLoop();
+      loop->join();
+    }
   }
-  if (eventLoop_.joinable())
-    eventLoop_.join();
 }
 
 std::unique_ptr<VantorListener> VantorListener::daemonListenerWithExportedObject(
@@ -395,36 +401,38 @@ bool VantorListener::resume(std::string* error) {
     connection_ = dbus::openSystemBus();
     object_ = std::make_unique<ClientObject>(*connection_, *this);
     connection_->requestName(dbus::kBusName);
-    startEventLoop();
+    eventLoop_ = startEventLoop(*connection_);
     busDaemon_ = std::make_unique<dbus::BusDaemon>(*connection_);
-    setServiceBus(connection_.get(), busDaemon_.get());
+    serviceConnection_ = dbus::openSystemBus();
+    serviceEventLoop_ = startEventLoop(*serviceConnection_);
+    serviceBusDaemon_ = std::make_unique<dbus::BusDaemon>(*serviceConnection_);
+    setServiceBus(serviceConnection_.get(), serviceBusDaemon_.get());
   } catch (const sdbus::Error& e) {
     if (error)
       *error = e.getName() + ": " + e.getMessage();
     object_.reset();
-    if (eventLoop_.joinable()) {
-      leaving_ = true;
-      connection_->leaveEventLoop();
-      eventLoop_.join();
-    }
+    leaveEventLoops();
+    serviceBusDaemon_.reset();
+    busDaemon_.reset();
+    serviceConnection_.reset();
     connection_.reset();
+    leaving_ = false;
     return false;
   }
   gResumedListener.store(this);
   return true;
 }
 
-// The bus thread. Without its connection the daemon serves nobody and
-// cannot get it back by itself (its name, its service connections and its
-// callers' identities belong to the old one), so when the loop ends other than
+// A bus thread. Without its connections the daemon serves nobody and cannot
+// get them back by itself (its name, its service connections and its
+// callers' identities belong to the old ones), so when a loop ends other than
 // by `leaveEventLoop` the process exits with status 1 and the service manager
 // starts it afresh.
-void VantorListener::startEventLoop() {
-  sdbus::IConnection* connection = connection_.get();
-  eventLoop_ = std::thread([this, connection] {
+std::thread VantorListener::startEventLoop(sdbus::IConnection& connection) {
+  return std::thread([this, &connection] {
     std::string why = "the connection was closed";
     try {
-      connection->enterEventLoop();
+      connection.enterEventLoop();
     } catch (const std::exception& e) {
       why = e.what();
     }

@@ -82,14 +82,22 @@ class VantorListener {
   std::shared_ptr<const ClientConnection> knownConnection(const std::string& sender);
   void admitConnection(const std::shared_ptr<const ClientConnection>& connection,
                        const std::function<void()>& body, const std::function<void()>& deny);
-  void startEventLoop();
+  std::thread startEventLoop(sdbus::IConnection& connection);
+  void leaveEventLoops();
 
   std::shared_ptr<VantorClientProtocol> exported_;
   std::set<std::string> required_;
+  // Calls to the daemon arrive on `connection_`; calls to services go out on
+  // `serviceConnection_`, so a burst of service replies never holds up the
+  // bus thread that reads the callers' calls. Each has a bus thread of its
+  // own.
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<dbus::BusDaemon> busDaemon_;
+  std::unique_ptr<sdbus::IConnection> serviceConnection_;
+  std::unique_ptr<dbus::BusDaemon> serviceBusDaemon_;
   std::unique_ptr<ClientObject> object_;
   std::thread eventLoop_;
+  std::thread serviceEventLoop_;
   std::atomic<bool> leaving_{false};
 
   std::mutex cacheMutex_;
