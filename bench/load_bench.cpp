@@ -24,7 +24,8 @@
 // a second, as first-half against second-half averages, and once more 10 s
 // after the last call (growth that stays then is a leak); and p99 of
 // ClientGetState per 10-second window (state calls must not queue behind slow
-// services).
+// services), beside the p99 of pings to the bus daemon and to vantord and of
+// how late this tool's sleeping threads woke in the same window.
 //
 // Usage: load_bench [DURATION-SECONDS [RATE]]   (defaults 60 and 30)
 
@@ -237,11 +238,13 @@ void runClient(int index, Caller& caller, double rate, Clock::time_point start,
 // from the moment each ping was due like the state calls. vantord's bus
 // library answers a ping on its bus thread without running any of the
 // daemon's code, so a slow ping there is a busy bus thread or a slow bus.
+// How late the thread woke for each ping is kept too (kWakeUp): a machine
+// that runs nobody on time slows every figure, the daemon's or not.
 constexpr double kPingRate = 50;
-enum Target { kBusDaemon, kVantord, kTargets };
+enum Target { kBusDaemon, kVantord, kTargets, kWakeUp = kTargets, kProbes };
 
 void runPings(Caller& caller, Clock::time_point start, Clock::time_point end,
-              std::array<std::vector<Sample>, kTargets>& out) {
+              std::array<std::vector<Sample>, kProbes>& out) {
   const std::array<std::unique_ptr<sdbus::IProxy>, kTargets> proxies = {
       caller.proxyTo("org.freedesktop.DBus", "/org/freedesktop/DBus"),
       caller.proxyTo("com.tessaly.vantor", "/com/tessaly/vantor")};
@@ -252,6 +255,9 @@ void runPings(Caller& caller, Clock::time_point start, Clock::time_point end,
     std::this_thread::sleep_until(due);
     const auto before = due;
     due += period;
+    out[kWakeUp].push_back(
+        {std::chrono::duration<float>(before - start).count(),
+         std::chrono::duration<float, std::milli>(Clock::now() - before).count()});
     auto& proxy = *proxies[turn % kTargets];
     try {
       proxy.callMethod(proxy.createMethodCall("org.freedesktop.DBus.Peer", "Ping"), 5'000'000);
@@ -336,7 +342,7 @@ int main(int argc, char** argv) {
       std::this_thread::sleep_until(next);
     }
   });
-  std::array<std::vector<Sample>, kTargets> pings;
+  std::array<std::vector<Sample>, kProbes> pings;
   std::thread pinger(runPings, std::ref(*callers[kClients]), start, end, std::ref(pings));
   std::vector<ClientResults> results(kClients);
   std::vector<std::thread> clients;
@@ -395,6 +401,7 @@ int main(int argc, char** argv) {
 
   std::printf(
       "\nper 10 s window   ClientGetState calls   p99 ms   ping p99 ms: bus daemon  vantord   "
+      "wake-up p99 ms   "
       "daemon at its end: threads  fds  RSS MiB\n");
   for (int window = 0; window * 10 < duration; ++window) {
     const auto inWindow = [&](const Sample& s) {
@@ -407,8 +414,8 @@ int main(int argc, char** argv) {
           ms.push_back(s.ms);
       }
     }
-    std::array<std::vector<double>, kTargets> pingMs;
-    for (int t = 0; t < kTargets; ++t) {
+    std::array<std::vector<double>, kProbes> pingMs;
+    for (int t = 0; t < kProbes; ++t) {
       for (const auto& s : pings[t]) {
         if (inWindow(s))
           pingMs[t].push_back(s.ms);
@@ -420,10 +427,10 @@ int main(int argc, char** argv) {
             : resources[std::min(resources.size(),
                                  std::size_t((window * 10 + 10) * kSamplesPerSecond)) -
                         1];
-    std::printf("  %3d-%3d s %21zu %8.2f %24.2f %8.2f %28.0f %4.0f %8.1f\n", window * 10,
+    std::printf("  %3d-%3d s %21zu %8.2f %24.2f %8.2f %16.2f %28.0f %4.0f %8.1f\n", window * 10,
                 std::min(duration, window * 10 + 10), ms.size(), percentile(ms, 0.99),
                 percentile(pingMs[kBusDaemon], 0.99), percentile(pingMs[kVantord], 0.99),
-                at.threads, at.descriptors, at.rssMiB);
+                percentile(pingMs[kWakeUp], 0.99), at.threads, at.descriptors, at.rssMiB);
   }
   // Idle pool threads retire after a second: what is left 10 s after the
   // last call is kept for good.
