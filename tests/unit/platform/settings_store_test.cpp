@@ -299,17 +299,6 @@ TEST_F(SettingsStoreTest, SynchronizePicksUpAnotherWritersChanges) {
   // (A file spoilt under a running daemon: robustness_test.)
 }
 
-TEST_F(SettingsStoreTest, UnwritableDirectoryFailsToOpen) {
-  if (::geteuid() == 0)
-    GTEST_SKIP() << "root ignores directory permissions";
-  fs::permissions(dir_, fs::perms::owner_read | fs::perms::owner_exec);
-  for (const fs::path& path : {path_, dir_ / "sub" / "store.plist"}) {
-    SettingsStore::Diagnostics diagnostics;
-    EXPECT_EQ(SettingsStore::open(path, &diagnostics), nullptr) << path;
-    EXPECT_FALSE(diagnostics.warning.empty()) << path;
-  }
-}
-
 // Many changes in a burst, from several threads, share one round, which
 // writes the newest; a round still comes for changes made while one ran.
 TEST(DurableCopy, CoalescesABurstAndKeepsTheNewest) {
