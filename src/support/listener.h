@@ -60,9 +60,6 @@ class VantorListener {
   // does.
   int postPurgeFinished(const Value::Dictionary& purge);
 
-  // The bus connection, once resumed; null before.
-  sdbus::IConnection* connection() const { return connection_.get(); }
-
   // Runs one client call: resolves the caller, checks entitlements, sets the
   // current connection and calls `body`; `deny` answers a refused caller.
   // Used by the exported D-Bus object on pool threads.
