@@ -20,8 +20,6 @@
 namespace vantor::dispatch {
 namespace {
 
-constexpr auto kIdleRetirement = std::chrono::seconds(1);
-
 void writeUncaught(const char* where, const char* what) {
   std::fprintf(stderr, "<3>%s: a block ended by throwing: %s\n", where, what);
 }
@@ -84,6 +82,11 @@ class Pool {
   void setLimit(std::size_t limit) {
     std::lock_guard lock(mutex_);
     limit_ = limit;
+  }
+
+  void setRetirement(std::chrono::milliseconds retirement) {
+    std::lock_guard lock(mutex_);
+    retirement_ = retirement;
   }
 
  private:
@@ -150,7 +153,7 @@ class Pool {
 
       self->calledOn = false;
       idle_.push_back(self);
-      const Deadline retireAt = MonotonicClock::now() + kIdleRetirement;
+      const Deadline retireAt = MonotonicClock::now() + retirement_;
       while (!self->calledOn) {
         if (self->cv.wait_until(lock, retireAt) == std::cv_status::timeout && !self->calledOn) {
           // The submitter takes a thread off `idle_` when it calls on it, so
@@ -178,6 +181,7 @@ class Pool {
   std::deque<Block> reserve_;
   std::deque<Block> ordinary_;
   std::size_t limit_ = kOrdinaryThreadLimit;
+  std::chrono::milliseconds retirement_ = kIdleRetirement;
   std::size_t threads_ = 0;
   std::size_t starting_ = 0;  // started, not yet looked at the FIFOs
   std::size_t ordinaryRunning_ = 0;
@@ -218,6 +222,10 @@ GlobalPoolStats globalPoolStats() {
 
 void setOrdinaryThreadLimitForTesting(std::size_t limit) {
   pool().setLimit(limit);
+}
+
+void setIdleRetirementForTesting(std::chrono::milliseconds retirement) {
+  pool().setRetirement(retirement);
 }
 
 void runMain() {

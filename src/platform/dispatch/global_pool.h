@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 
 #include "platform/dispatch/block.h"
@@ -22,10 +23,17 @@ enum class Lane {
 // daemon needs, so only a runaway reaches it.
 inline constexpr std::size_t kOrdinaryThreadLimit = 1024;
 
+// How long a pool thread stays idle before it retires. Long enough that work
+// coming in bursts a few seconds apart (each level of a purge, the queries
+// queued behind it) finds the threads of the last burst still there:
+// starting them anew each time cost hundreds of thread starts a minute under
+// load, each at the busiest moment.
+inline constexpr std::chrono::milliseconds kIdleRetirement{5000};
+
 // The global concurrent queue. Blocks of a lane start in submission order on
 // pool threads and may run concurrently. When a block is submitted and no
 // thread is idle, the pool starts a new one (within the lane's limit), because
-// blocks may wait for minutes. A thread idle for a second retires.
+// blocks may wait for minutes. A thread idle for kIdleRetirement retires.
 void globalAsync(Block block, Lane lane = Lane::kOrdinary);
 
 // Statistics for tests and benchmarks.
@@ -38,6 +46,9 @@ GlobalPoolStats globalPoolStats();
 
 // Lowers the ordinary limit so tests can reach it cheaply.
 void setOrdinaryThreadLimitForTesting(std::size_t limit);
+// Shortens how long an idle thread waits before it retires, for tests that
+// watch threads retire.
+void setIdleRetirementForTesting(std::chrono::milliseconds retirement);
 
 // Parks the calling (main) thread for the life of the process.
 [[noreturn]] void runMain();

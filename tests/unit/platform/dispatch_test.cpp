@@ -183,6 +183,7 @@ TEST(GlobalPool, SerialQueuesKeepRunningWhenEveryOrdinaryThreadIsBlocked) {
 // though blocks keep coming: the latest idle thread takes each one.
 TEST(GlobalPool, ThreadsABurstStartedRetireUnderSteadyLightWork) {
   constexpr std::size_t kBurst = 32;
+  setIdleRetirementForTesting(std::chrono::seconds(1));
   auto gate = holdPoolThreads(kBurst);
   ASSERT_FALSE(::testing::Test::HasFailure());
   EXPECT_GE(globalPoolStats().threads, kBurst);
@@ -196,6 +197,7 @@ TEST(GlobalPool, ThreadsABurstStartedRetireUnderSteadyLightWork) {
     ASSERT_TRUE(ran->wait(soon()));
   }
   EXPECT_LE(globalPoolStats().threads, std::size_t{4});
+  setIdleRetirementForTesting(kIdleRetirement);
 }
 
 // A block that throws is reported, and its pool thread, its queue and its
