@@ -51,7 +51,8 @@ enum class OptOut { kQuery, kRecord };
 //   purgeableInFlight, purgeInFlight,
 //   periodicInFlight, optOuts                  collection_queue
 //   userDefaults (client state, recent info),
-//   unwrittenState                             defaults_queue
+//   unwrittenState, writeInFlight              defaults_queue
+// (but the file of the write in flight is written on a pool thread)
 // The purge bookkeeping numbers are atomics read and written without a queue.
 // The class is declared here; each subsystem folder defines the methods it
 // owns.
@@ -233,7 +234,21 @@ class Vantor final : public VantorClientProtocol,
     bool writeScheduled = false;
   };
   UnwrittenState unwrittenState;
+  // The write on its way to the file: its changes are made in the store's
+  // memory, the file is written on a pool thread meanwhile (reads on
+  // defaults_queue need not wait for the disk), and its callers are answered
+  // when it ends. Changes made in the meantime wait for the next write.
+  struct WriteInFlight {
+    std::shared_ptr<SettingsStore::StagedMerge> staged;
+    std::vector<StatusReply> waiting;
+  };
+  std::optional<WriteInFlight> writeInFlight;
   void _writeUnwrittenState();
+  void _finishWrite(bool written, const std::string& error);
+  // Answers `key` from the stored state, as it was before `unwritten` when
+  // that is given.
+  void _answerState(const Value& key, const ObjectReply& reply,
+                    const SettingsStore::StagedMerge* unwritten);
   // The daemon's own read of `key`: its unwritten change when there is one,
   // else what the get worker answers.
   void _readOwnState(const Value& key, const ObjectReply& reply);

@@ -4,12 +4,14 @@
 // value as given and logs nothing of them, except that a client's set is held
 // to the limits below.
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
 #include <vector>
 
 #include "daemon/vantor.h"
+#include "platform/dispatch/global_pool.h"
 #include "support/client_connection.h"
 #include "support/log.h"
 #include "support/recent_info.h"
@@ -160,7 +162,8 @@ void Vantor::_clientSetState(const Value& value, const Value& key, const StatusR
     unwrittenState.changes.insert_or_assign(*name, value);
   }
   unwrittenState.waiting.push_back(std::move(answer));
-  if (!unwrittenState.writeScheduled) {
+  // A write on its way schedules the next one when it ends.
+  if (!unwrittenState.writeScheduled && !writeInFlight) {
     unwrittenState.writeScheduled = true;
     defaults_queue->async([self = shared_from_this()] { self->_writeUnwrittenState(); });
   }
@@ -169,24 +172,65 @@ void Vantor::_clientSetState(const Value& value, const Value& key, const StatusR
 void Vantor::_writeUnwrittenState() {
   constexpr char kName[] = "-[Vantor _writeUnwrittenState]";
   defaults_queue->assertCurrent(kName);
+  if (writeInFlight) {
+    unwrittenState.writeScheduled = false;  // the write on its way schedules the next
+    return;
+  }
   UnwrittenState batch = std::exchange(unwrittenState, {});
   if (std::string error; !userDefaults->synchronize(&error))
     VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
+  auto staged = userDefaults->stageMerge(kStateKey, std::move(batch.changes));
+  writeInFlight = WriteInFlight{staged, std::move(batch.waiting)};
+  if (staged->replacedDictionary()) {
+    // Clients would have no state left to read while this write is on its
+    // way (it is the first, or replaces a state of the wrong type), so it
+    // is written here and now.
+    std::string error;
+    const bool written = userDefaults->writeStaged(*staged, &error);
+    _finishWrite(written, error);
+    return;
+  }
+  dispatch::globalAsync(
+      [self = shared_from_this(), staged] {
+        std::string error;
+        const bool written = self->userDefaults->writeStaged(*staged, &error);
+        self->defaults_queue->async(
+            [self, written, error = std::move(error)] { self->_finishWrite(written, error); });
+      },
+      dispatch::Lane::kReserve);
+}
+
+void Vantor::_finishWrite(bool written, const std::string& error) {
+  constexpr char kName[] = "-[Vantor _writeUnwrittenState]";
+  defaults_queue->assertCurrent(kName);
+  WriteInFlight done = std::move(*writeInFlight);
+  writeInFlight.reset();
+  userDefaults->finishStaged(*done.staged, written);
   // Changes that cannot be written are dropped, in memory as on disk, and
   // their callers are told why.
   std::optional<ClientError> failure;
-  if (std::string error;
-      !userDefaults->mergeIntoDictionary(kStateKey, std::move(batch.changes), &error)) {
+  if (!written) {
     VANTOR_LOG(3, "%s cannot write the settings store: %@", kName, error.c_str());
     failure = ClientError{kErrorIOError, "The settings store cannot be written: " + error};
   }
-  for (const auto& answer : batch.waiting)
+  for (const auto& answer : done.waiting)
     answer(failure);
+  // Changes made while the write was on its way, and any queued behind
+  // them, go out together.
+  if (!unwrittenState.waiting.empty() && !unwrittenState.writeScheduled) {
+    unwrittenState.writeScheduled = true;
+    defaults_queue->async([self = shared_from_this()] { self->_writeUnwrittenState(); });
+  }
 }
 
 void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
+  defaults_queue->assertCurrent("-[Vantor _clientGetState:replyBlock:]");
+  _answerState(key, reply, writeInFlight ? writeInFlight->staged.get() : nullptr);
+}
+
+void Vantor::_answerState(const Value& key, const ObjectReply& reply,
+                          const SettingsStore::StagedMerge* unwritten) {
   constexpr char kName[] = "-[Vantor _clientGetState:replyBlock:]";
-  defaults_queue->assertCurrent(kName);
   const std::string* name = key.asString();
   if (name == nullptr) {
     VANTOR_LOG(3, "%s key is not an NSString: %@", kName, key.description().c_str());
@@ -208,13 +252,22 @@ void Vantor::_clientGetState(const Value& key, const ObjectReply& reply) {
   };
   if (stored != nullptr && stored->isDictionary()) {
     const auto& state = stored->get<Value::Dictionary>();
+    const Value* found = nullptr;
+    if (const std::optional<Value>* previous =
+            unwritten != nullptr ? unwritten->previous(*name) : nullptr) {
+      found = *previous ? &**previous : nullptr;
+    } else if (auto it = state.find(*name); it != state.end()) {
+      found = &it->second;
+    }
     if (*name == kStateKey) {
       Value::Dictionary whole = state;
+      if (unwritten != nullptr)
+        unwritten->restore(whole);
       for (const auto& [k, v] : default_values)
         whole.emplace(k, v);
       reply(Value(std::move(whole)));
-    } else if (auto it = state.find(*name); it != state.end()) {
-      reply(it->second);
+    } else if (found != nullptr) {
+      reply(*found);
     } else if (default_values.count(*name) > 0) {
       const Value& answer = defaultFor(*name);
       VANTOR_LOG(5, "%s using default value: %@ for key: %@", kName, answer.description().c_str(),
@@ -252,7 +305,7 @@ void Vantor::_readOwnState(const Value& key, const ObjectReply& reply) {
       return;
     }
   }
-  _clientGetState(key, reply);
+  _answerState(key, reply, nullptr);
 }
 
 Vantor::StateObject Vantor::clientGetStateSync(const Value& key) {

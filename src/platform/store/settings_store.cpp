@@ -190,46 +190,79 @@ bool SettingsStore::setObject(const std::string& key, std::optional<Value> value
 
 bool SettingsStore::mergeIntoDictionary(const std::string& key, Value::Dictionary changes,
                                         std::string* error) {
+  auto staged = stageMerge(key, std::move(changes));
+  const bool written = writeStaged(*staged, error);
+  finishStaged(*staged, written);
+  return written;
+}
+
+std::shared_ptr<SettingsStore::StagedMerge> SettingsStore::stageMerge(const std::string& key,
+                                                                      Value::Dictionary changes) {
+  auto staged = std::make_shared<StagedMerge>();
+  staged->key_ = key;
   Value::Dictionary& dict = contents();
   const auto [it, added] = dict.try_emplace(key, Value::Dictionary{});
-  std::optional<Value> displaced;
+  staged->added_ = added;
   if (!it->second.isDictionary())
-    displaced = std::exchange(it->second, Value(Value::Dictionary{}));
+    staged->displaced_ = std::exchange(it->second, Value(Value::Dictionary{}));
   Value::Dictionary& target = it->second.get<Value::Dictionary>();
-  // What each change replaced (nullopt: nothing), to put back if the write
-  // fails.
-  std::vector<std::pair<std::string, std::optional<Value>>> undo;
-  undo.reserve(changes.size());
+  // What each change replaced (nullopt: nothing), to read or put back until
+  // the write is done.
   for (auto& [name, value] : changes) {
     const auto at = target.find(name);
+    std::optional<Value>& undo = staged->undo_[name];
     if (at == target.end()) {
-      undo.emplace_back(name, std::nullopt);
       if (!value.isNull())
         target.emplace(name, std::move(value));
     } else if (value.isNull()) {
-      undo.emplace_back(name, std::move(at->second));
+      undo = std::move(at->second);
       target.erase(at);
     } else {
-      undo.emplace_back(name, std::exchange(at->second, std::move(value)));
+      undo = std::exchange(at->second, std::move(value));
     }
   }
-  if (write(error))
-    return true;
+  staged->bytes_ = std::make_shared<const std::vector<std::uint8_t>>(encode(contents_));
+  staged_ = true;
+  return staged;
+}
+
+bool SettingsStore::writeStaged(StagedMerge& staged, std::string* error) const {
+  staged.stamp_ = writeFile(*staged.bytes_, error);
+  return staged.stamp_.has_value();
+}
+
+void SettingsStore::finishStaged(StagedMerge& staged, bool written) {
+  staged_ = false;
+  if (written) {
+    stamp_ = staged.stamp_;
+    backup_.schedule(std::move(staged.bytes_));
+    return;
+  }
   // What was not written is not kept: memory stays what the disk holds.
-  if (added) {
+  Value::Dictionary& dict = contents();
+  const auto it = dict.find(staged.key_);
+  if (staged.added_) {
     dict.erase(it);
-  } else if (displaced) {
-    it->second = std::move(*displaced);
+  } else if (staged.displaced_) {
+    it->second = std::move(*staged.displaced_);
   } else {
-    for (auto& [name, previous] : undo) {
-      if (previous) {
-        target.insert_or_assign(name, std::move(*previous));
-      } else {
-        target.erase(name);
-      }
+    staged.restore(it->second.get<Value::Dictionary>());
+  }
+}
+
+const std::optional<Value>* SettingsStore::StagedMerge::previous(const std::string& name) const {
+  const auto it = undo_.find(name);
+  return it != undo_.end() ? &it->second : nullptr;
+}
+
+void SettingsStore::StagedMerge::restore(Value::Dictionary& dictionary) const {
+  for (const auto& [name, previous] : undo_) {
+    if (previous) {
+      dictionary.insert_or_assign(name, *previous);
+    } else {
+      dictionary.erase(name);
     }
   }
-  return false;
 }
 
 bool SettingsStore::synchronize(std::string* error) {
@@ -237,7 +270,9 @@ bool SettingsStore::synchronize(std::string* error) {
   std::optional<FileStamp> current;
   if (::stat(path_.c_str(), &st) == 0)
     current = FileStamp::of(st);
-  if (current == stamp_)
+  // While a staged write is on its way the file is the writer's: memory is
+  // newer than it, and is what the write puts there.
+  if (staged_ || current == stamp_)
     return true;
   return load(error);
 }
@@ -310,7 +345,7 @@ std::string SettingsStore::nextPath() const {
 // writeback that ext4 starts at once when a file is renamed over another; the
 // backup rounds do the flushing, for many writes together. A failure to
 // remove the old file is harmless: the next write clears it away.
-bool SettingsStore::replaceStoreWith(const std::string& next) {
+bool SettingsStore::replaceStoreWith(const std::string& next) const {
   if (files_.exchange(next.c_str(), path_.c_str()) == 0) {
     files_.unlink(next.c_str());
     return true;
@@ -325,11 +360,21 @@ bool SettingsStore::replaceStoreWith(const std::string& next) {
 // that is, or may still be on disk, the store is ever changed.
 bool SettingsStore::write(std::string* error) {
   auto bytes = std::make_shared<const std::vector<std::uint8_t>>(encode(contents_));
+  auto stamp = writeFile(*bytes, error);
+  if (!stamp)
+    return false;
+  stamp_ = stamp;
+  backup_.schedule(std::move(bytes));
+  return true;
+}
+
+std::optional<SettingsStore::FileStamp> SettingsStore::writeFile(
+    const std::vector<std::uint8_t>& bytes, std::string* error) const {
   const std::string next = nextPath();
   const auto fail = [&](const std::string& what, int err) {
     if (error != nullptr)
       *error = errnoText("cannot write " + path_.string() + " (" + what + ")", err);
-    return false;
+    return std::optional<FileStamp>();
   };
   const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
   int fd = files_.open(next.c_str(), flags, 0600);
@@ -345,8 +390,8 @@ bool SettingsStore::write(std::string* error) {
   struct stat st {};
   const char* step = nullptr;
   std::size_t done = 0;
-  while (step == nullptr && done < bytes->size()) {
-    const ssize_t n = files_.write(fd, bytes->data() + done, bytes->size() - done);
+  while (step == nullptr && done < bytes.size()) {
+    const ssize_t n = files_.write(fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR)
       continue;
     if (n <= 0) {
@@ -375,9 +420,7 @@ bool SettingsStore::write(std::string* error) {
     files_.unlink(next.c_str());
     return fail(step, err);
   }
-  stamp_ = FileStamp::of(st);
-  backup_.schedule(std::move(bytes));
-  return true;
+  return FileStamp::of(st);
 }
 
 }  // namespace vantor

@@ -4,6 +4,8 @@
 #include <sys/types.h>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,7 +39,7 @@ namespace vantor {
 // "<name>.corrupt-<unix seconds>", never deleted) and the store continues with
 // the backup's contents when that is sound, else empty; the reason is reported
 // to the caller, who logs it. Not thread-safe by itself: the daemon touches it
-// from one serial queue only.
+// from one serial queue only, but for `writeStaged`.
 class SettingsStore {
  public:
   struct Diagnostics {
@@ -67,6 +69,18 @@ class SettingsStore {
   bool mergeIntoDictionary(const std::string& key, Value::Dictionary changes,
                            std::string* error = nullptr);
 
+  // `mergeIntoDictionary` in three steps, so that the file work can run on
+  // another thread while the store's own thread goes on serving reads:
+  // `stageMerge` makes the changes in memory and encodes the new contents,
+  // `writeStaged` puts them in the file, and `finishStaged` keeps them, or
+  // undoes them when the write failed. From stage to finish the store takes
+  // no other change and `synchronize` reads nothing.
+  class StagedMerge;
+  std::shared_ptr<StagedMerge> stageMerge(const std::string& key, Value::Dictionary changes);
+  // The one step that may run on another thread.
+  bool writeStaged(StagedMerge& staged, std::string* error) const;
+  void finishStaged(StagedMerge& staged, bool written);
+
   // Re-reads the file when it changed on disk since it was last read or
   // written (another writer, or a restore). Returns false with a reason when
   // it was found corrupt (and moved aside), or could not be read (the
@@ -88,7 +102,7 @@ class SettingsStore {
   SettingsStore(std::filesystem::path path, StoreFiles& files);
   bool load(std::string* error);
   bool write(std::string* error);
-  bool replaceStoreWith(const std::string& next);
+  bool replaceStoreWith(const std::string& next) const;
   std::string nextPath() const;
 
   struct FileStamp {
@@ -102,6 +116,10 @@ class SettingsStore {
               static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
     }
   };
+  // Puts `bytes` in the store's place; the stamp of the new file, or nullopt
+  // with a reason. Touches files only, none of the store's members.
+  std::optional<FileStamp> writeFile(const std::vector<std::uint8_t>& bytes,
+                                     std::string* error) const;
 
   std::filesystem::path path_;
   StoreFiles& files_;
@@ -109,7 +127,30 @@ class SettingsStore {
   Value contents_{Value::Dictionary{}};
   Value::Dictionary& contents() { return contents_.get<Value::Dictionary>(); }
   std::optional<FileStamp> stamp_;
+  bool staged_ = false;
   DurableCopy backup_;
+};
+
+class SettingsStore::StagedMerge {
+ public:
+  // What `name` held in the merged dictionary before the merge: null when
+  // the merge does not touch it, else the value (nullopt: no entry).
+  const std::optional<Value>* previous(const std::string& name) const;
+  // Puts the entries the merge touched back as they were, in a copy of the
+  // merged dictionary.
+  void restore(Value::Dictionary& dictionary) const;
+  // Whether the merge made a new dictionary (there was none, or the key held
+  // another type), so that nothing of the one before is left to read.
+  bool replacedDictionary() const { return added_ || displaced_.has_value(); }
+
+ private:
+  friend class SettingsStore;
+  std::string key_;
+  std::map<std::string, std::optional<Value>, std::less<>> undo_;
+  bool added_ = false;
+  std::optional<Value> displaced_;
+  std::shared_ptr<const std::vector<std::uint8_t>> bytes_;
+  std::optional<FileStamp> stamp_;  // of the file written
 };
 
 }  // namespace vantor

@@ -205,12 +205,18 @@ TEST_F(SettingsStoreTest, AWriteThatFailsAtAnyStepLosesNothing) {
     EXPECT_TRUE(movedAside().empty());
   }
 
-  // A merge that fails puts back what it removed, replaced and added.
+  // A merge that fails puts back what it removed, replaced and added; while
+  // its file is being written, what it replaced can still be read.
   const Value before(Value::Dictionary{{"a", Value(1)}, {"b", Value(2)}});
   ASSERT_TRUE(SettingsStore::open(path_)->setObject("d", before));
   FaultyFiles files(Op::kRename, EIO);
   auto store = SettingsStore::open(path_, nullptr, files);
-  EXPECT_FALSE(store->mergeIntoDictionary("d", {{"a", Value()}, {"b", Value(3)}, {"c", Value(4)}}));
+  auto staged = store->stageMerge("d", {{"a", Value()}, {"b", Value(3)}, {"c", Value(4)}});
+  Value::Dictionary readable = valueAt(*store, "d").get<Value::Dictionary>();
+  staged->restore(readable);
+  EXPECT_EQ(Value(readable), before);
+  EXPECT_FALSE(store->writeStaged(*staged, nullptr));
+  store->finishStaged(*staged, false);
   EXPECT_EQ(valueAt(*store, "d"), before);
   EXPECT_TRUE(store->mergeIntoDictionary("d", {{"a", Value()}, {"c", Value(4)}}));
   EXPECT_EQ(valueAt(*SettingsStore::open(path_), "d"),
