@@ -55,7 +55,6 @@ class SettingsStoreTest : public testing::Test {
   }
   void TearDown() override {
     std::error_code ec;
-    fs::permissions(dir_, fs::perms::owner_all, fs::perm_options::add, ec);
     fs::remove_all(dir_, ec);
   }
 
