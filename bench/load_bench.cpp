@@ -432,7 +432,7 @@ int main(int argc, char** argv) {
                 percentile(pingMs[kBusDaemon], 0.99), percentile(pingMs[kVantord], 0.99),
                 percentile(pingMs[kWakeUp], 0.99), at.threads, at.descriptors, at.rssMiB);
   }
-  // Idle pool threads retire after five seconds: what is left 10 s after the
+  // Idle pool threads retire after two seconds: what is left 10 s after the
   // last call is kept for good.
   std::this_thread::sleep_for(seconds(10));
   const Resources idle = sampleOf(daemon);

@@ -24,11 +24,12 @@ enum class Lane {
 inline constexpr std::size_t kOrdinaryThreadLimit = 1024;
 
 // How long a pool thread stays idle before it retires. Long enough that work
-// coming in bursts a few seconds apart (each level of a purge, the queries
-// queued behind it) finds the threads of the last burst still there:
+// coming in bursts about two seconds apart (each level of a purge, the
+// queries queued behind it) finds the threads of the last burst still there:
 // starting them anew each time cost hundreds of thread starts a minute under
-// load, each at the busiest moment.
-inline constexpr std::chrono::milliseconds kIdleRetirement{5000};
+// load, each at the busiest moment. Short enough that the threads of one
+// large burst do not linger through several quieter ones.
+inline constexpr std::chrono::milliseconds kIdleRetirement{2000};
 
 // The global concurrent queue. Blocks of a lane start in submission order on
 // pool threads and may run concurrently. When a block is submitted and no
