@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -28,14 +29,20 @@ std::atomic<UncaughtExceptionHandler> gUncaughtHandler{&writeUncaught};
 
 // Blocks wait in two FIFOs, one per lane, and are taken from their heads, so
 // the blocks of a lane start in submission order; reserve blocks are taken
-// first. Every submission either calls on an idle thread that no earlier
-// submission has called on yet, or starts a new thread, or (an ordinary block
-// at the limit) is left for a thread that is running an ordinary block. Each
-// such thread looks at the FIFOs at least once more, so a block never waits
-// for a thread that is busy, however long the running blocks take, unless the
-// ordinary limit holds it back. A thread called on when no other is idle
-// starts one to stand by, so that starting threads mostly falls to the pool
-// itself rather than to whoever submits.
+// first. A thread is "on its way" from the moment it is started or called on
+// until it first looks at the FIFOs, where it takes a block if one is there.
+// The pool keeps at least as many threads on their way as there are blocks
+// waiting that a thread may take, except that it sends at most
+// kWakeAhead threads on their way for ordinary blocks at once; every thread
+// that takes a block sends another while more wait than are on their way.
+// So a block never waits for a busy thread, however long the running blocks
+// take, unless the ordinary limit holds it back: at worst it waits for a
+// chain of threads to arrive, which depends on no block ending. And a burst
+// of short blocks, such as one task per service, is run by the few threads
+// that arrive first, each taking block after block, instead of starting a
+// thread per block that then idles until it retires. A thread called on
+// when no other is idle starts one to stand by, so that starting threads
+// mostly falls to the pool itself rather than to whoever submits.
 //
 // Idle threads are called on last in, first out. Steady work then keeps the
 // same few threads busy, and the threads a burst started stay idle until they
@@ -46,7 +53,7 @@ std::atomic<UncaughtExceptionHandler> gUncaughtHandler{&writeUncaught};
 class Pool {
  public:
   void submit(Block block, Lane lane) {
-    std::shared_ptr<Idle> callOn;
+    Wake wake;
     {
       std::lock_guard lock(mutex_);
       if (lane == Lane::kReserve) {
@@ -54,24 +61,11 @@ class Pool {
       } else {
         ordinary_.push_back(std::move(block));
       }
-      if (!idle_.empty()) {
-        callOn = std::move(idle_.back());
-        idle_.pop_back();
-        callOn->calledOn = true;
-      } else if (lane == Lane::kOrdinary && ordinaryRunning_ >= limit_) {
-        return;  // taken by the next thread to finish an ordinary block
-      } else {
-        ++threads_;
-        ++starting_;
-      }
+      wake = sendOneLocked();
     }
     // Woken outside the lock: the woken thread, which wants the lock at
     // once, may well run before this one gets to release it.
-    if (callOn) {
-      callOn->cv.notify_one();
-    } else {
-      startThread();
-    }
+    perform(wake);
   }
 
   GlobalPoolStats stats() {
@@ -97,6 +91,51 @@ class Pool {
     std::condition_variable cv;
     bool calledOn = false;
   };
+
+  // What `sendOneLocked` decided, to be done outside the lock.
+  struct Wake {
+    std::shared_ptr<Idle> callOn;
+    bool start = false;
+  };
+
+  std::size_t onTheirWayLocked() const { return starting_ + calledOn_; }
+
+  // The blocks waiting that a thread arriving now could take.
+  std::size_t takeableLocked() const {
+    const std::size_t ordinaryRoom = limit_ > ordinaryRunning_ ? limit_ - ordinaryRunning_ : 0;
+    return reserve_.size() + std::min(ordinary_.size(), ordinaryRoom);
+  }
+
+  // Sends one more thread on its way when more blocks wait than threads are
+  // on their way, and the wake-ahead bound allows it (reserve blocks are
+  // never held to it): the latest idle thread, else a new one.
+  Wake sendOneLocked() {
+    const std::size_t onTheirWay = onTheirWayLocked();
+    if (takeableLocked() <= onTheirWay)
+      return {};
+    if (onTheirWay >= kWakeAhead && reserve_.size() <= onTheirWay)
+      return {};
+    Wake wake;
+    if (!idle_.empty()) {
+      wake.callOn = std::move(idle_.back());
+      idle_.pop_back();
+      wake.callOn->calledOn = true;
+      ++calledOn_;
+    } else {
+      ++threads_;
+      ++starting_;
+      wake.start = true;
+    }
+    return wake;
+  }
+
+  void perform(const Wake& wake) {
+    if (wake.callOn) {
+      wake.callOn->cv.notify_one();
+    } else if (wake.start) {
+      startThread();
+    }
+  }
 
   void startThread() {
     try {
@@ -138,7 +177,11 @@ class Pool {
       Block block;
       bool ordinary = false;
       while (takeLocked(block, ordinary)) {
+        // Blocks still waiting get threads of their own before this one
+        // runs its block, which may take long.
+        const Wake wake = sendOneLocked();
         lock.unlock();
+        perform(wake);
         try {
           block();
         } catch (...) {
@@ -163,6 +206,7 @@ class Pool {
           return;
         }
       }
+      --calledOn_;
       // The last idle thread was called on. Start another to stand by, so
       // the next submitter (most often the bus thread, which every caller
       // waits for) finds one idle rather than starting a thread itself. One
@@ -184,6 +228,7 @@ class Pool {
   std::chrono::milliseconds retirement_ = kIdleRetirement;
   std::size_t threads_ = 0;
   std::size_t starting_ = 0;  // started, not yet looked at the FIFOs
+  std::size_t calledOn_ = 0;  // called on while idle, not yet looked at the FIFOs
   std::size_t ordinaryRunning_ = 0;
   std::vector<std::shared_ptr<Idle>> idle_;  // waiting for work, not yet called on; latest last
 };

@@ -23,6 +23,14 @@ enum class Lane {
 // daemon needs, so only a runaway reaches it.
 inline constexpr std::size_t kOrdinaryThreadLimit = 1024;
 
+// The most threads the pool sends on their way to ordinary blocks at once
+// (woken, or started, and not yet running anything). Each that takes a block
+// sends the next while blocks are still waiting, so a long queue of blocks
+// still gets a thread each if they all take long; short ones are taken one
+// after another by the first few threads, rather than each starting a
+// thread that then idles until it retires.
+inline constexpr std::size_t kWakeAhead = 4;
+
 // How long a pool thread stays idle before it retires. Long enough that work
 // coming in bursts about two seconds apart (each level of a purge, the
 // queries queued behind it) finds the threads of the last burst still there:
@@ -32,9 +40,10 @@ inline constexpr std::size_t kOrdinaryThreadLimit = 1024;
 inline constexpr std::chrono::milliseconds kIdleRetirement{2000};
 
 // The global concurrent queue. Blocks of a lane start in submission order on
-// pool threads and may run concurrently. When a block is submitted and no
-// thread is idle, the pool starts a new one (within the lane's limit), because
-// blocks may wait for minutes. A thread idle for kIdleRetirement retires.
+// pool threads and may run concurrently. No block waits for a busy thread
+// (within the lane's limit), because blocks may wait for minutes: when blocks
+// are waiting and no thread is idle, the pool starts new ones. A thread idle
+// for kIdleRetirement retires.
 void globalAsync(Block block, Lane lane = Lane::kOrdinary);
 
 // Statistics for tests and benchmarks.

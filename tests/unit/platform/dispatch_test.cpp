@@ -200,6 +200,24 @@ TEST(GlobalPool, ThreadsABurstStartedRetireUnderSteadyLightWork) {
   setIdleRetirementForTesting(kIdleRetirement);
 }
 
+// A burst of short blocks, such as a task per service, is run by a few
+// threads taking one block after another; a thread per block would idle for
+// seconds afterwards.
+TEST(GlobalPool, ABurstOfShortBlocksStartsFewThreads) {
+  constexpr int kBlocks = 1000;
+  const std::size_t before = globalPoolStats().threads;
+  auto ran = std::make_shared<std::atomic<int>>(0);
+  auto done = std::make_shared<Semaphore>();
+  for (int i = 0; i < kBlocks; ++i) {
+    globalAsync([=] {
+      if (ran->fetch_add(1) + 1 == kBlocks)
+        done->signal();
+    });
+  }
+  ASSERT_TRUE(done->wait(soon()));
+  EXPECT_LE(globalPoolStats().threads, before + 2 * kWakeAhead + 2);
+}
+
 // A block that throws is reported, and its pool thread, its queue and its
 // group all go on.
 TEST(Dispatch, ABlockThatThrowsIsReportedAndTheRestRuns) {
