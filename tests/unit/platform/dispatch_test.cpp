@@ -205,7 +205,7 @@ TEST(GlobalPool, ThreadsABurstStartedRetireUnderSteadyLightWork) {
 // seconds afterwards.
 TEST(GlobalPool, ABurstOfShortBlocksStartsFewThreads) {
   constexpr int kBlocks = 1000;
-  const std::size_t before = globalPoolStats().threads;
+  [[maybe_unused]] const std::size_t before = globalPoolStats().threads;
   auto ran = std::make_shared<std::atomic<int>>(0);
   auto done = std::make_shared<Semaphore>();
   for (int i = 0; i < kBlocks; ++i) {
@@ -215,7 +215,11 @@ TEST(GlobalPool, ABurstOfShortBlocksStartsFewThreads) {
     });
   }
   ASSERT_TRUE(done->wait(soon()));
+#ifndef __SANITIZE_THREAD__
+  // Under ThreadSanitizer threads run nearly one at a time, so the blocks
+  // are taken no faster than submitted and the count tells nothing.
   EXPECT_LE(globalPoolStats().threads, before + 2 * kWakeAhead + 2);
+#endif
 }
 
 // A block that throws is reported, and its pool thread, its queue and its
