@@ -46,7 +46,8 @@ std::pair<double, std::uint64_t> monitorRun(const std::vector<std::string>& volu
   vantor::LowSpaceSettings settings;
   settings.pollInterval = interval;
   vantor::LowSpaceMonitor monitor(
-      settings, [](const vantor::VolumeEvent&) {}, [&volumes] { return volumes; });
+      settings, [](const vantor::VolumeEvent&, const vantor::LowSpaceMonitor::Handled&) {},
+      [&volumes] { return volumes; });
   while (monitor.polls() == 0)
     std::this_thread::sleep_for(milliseconds(1));
   const auto startCpu = monitor.threadCpuTime();

@@ -10,6 +10,7 @@
 #include "platform/clock/clock.h"
 #include "platform/dispatch/global_pool.h"
 #include "platform/dispatch/group.h"
+#include "support/client_connection.h"
 #include "support/log.h"
 #include "support/service_call.h"
 #include "support/stats.h"
@@ -32,7 +33,12 @@ double elapsedNanoseconds(std::uint64_t startTicks) {
 Value Vantor::totalAvailable(const Value& info) {
   if (auto error = _checkInfo(info))
     return *error;
+  const CallerGone gone = currentCallerGone();
   return operation_queue->syncResult([&] {
+    // A caller that left the bus while the query waited its turn is asked
+    // nothing on its behalf.
+    if (gone->load())
+      return Value(Value::Dictionary{});
     std::int32_t urgency = urgencyFromInfo(info, "VANTOR_URGENCY");
     if (urgency == 0)
       urgency = urgencyFromInfo(info, "VANTOR_URGENCY_LIMIT");

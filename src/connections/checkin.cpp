@@ -61,7 +61,15 @@ void Vantor::clientCheckin(const std::string& serviceId, const ServiceEndpoint& 
     return;
   }
   auto self = shared_from_this();
-  operation_queue->async([self, serviceId, endpoint, info, sender, reply = std::move(reply)] {
+  operation_queue->async([self, serviceId, endpoint, info, sender, gone = currentCallerGone(),
+                          reply = std::move(reply)] {
+    // A service whose connection left while its check-in waited is not
+    // filed: it could never be reached.
+    if (gone->load()) {
+      VANTOR_LOG(5, "%s %@ left before its check-in was handled", kCheckin, sender.c_str());
+      reply(Value(), std::nullopt);
+      return;
+    }
     self->registerService(serviceId, endpoint, info, sender, reply);
   });
 }
@@ -130,6 +138,9 @@ void Vantor::registerService(const std::string& serviceId, const ServiceEndpoint
   record->setDoesPeriodic(periodic != nullptr && periodic->boolValue());
   record->setDoesPurge(purge != nullptr && purge->boolValue());
   record->setDesiredNotifications(notifications != nullptr ? *notifications : Value());
+  // A volume already low waited for someone who can purge: this one.
+  if (record->doesPurge())
+    purgingServicesChanged();
 
   reply(Value(Value::Dictionary{{"VANTOR_ID", Value(serviceId)}, {"ANON", Value(true)}}),
         std::nullopt);

@@ -105,4 +105,14 @@ Value::Array Vantor::adminGetPurgeHistory() {
   return purgeHistory.entries();
 }
 
+Value::Dictionary Vantor::adminGetCounters() {
+  return {
+      {"purge_active_service_count",
+       Value(static_cast<std::int64_t>(purge_active_service_count.load()))},
+      {"viable_purging_services", Value(static_cast<std::int64_t>(viable_purging_services.load()))},
+      {"purge_amount_needed", Value(purge_amount_needed.load())},
+      {"purge_amount_reported", Value(purge_amount_reported.load())},
+  };
+}
+
 }  // namespace vantor

@@ -99,7 +99,9 @@ int main(int /*argc*/, char** argv) {
   sigset_t hangup;
   sigemptyset(&hangup);
   sigaddset(&hangup, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
+  if (const int error = pthread_sigmask(SIG_BLOCK, &hangup, nullptr); error != 0) {
+    VANTOR_LOG(3, "%s cannot block SIGHUP: %s", "main", std::strerror(error));
+  }
 
   vantor::dispatch::setUncaughtExceptionHandler(&logUncaught);
   vantor::transactionBegin();
@@ -127,7 +129,9 @@ int main(int /*argc*/, char** argv) {
   sharedVantor->registerDailyActivity();
   sharedVantor->registerVolumeEventStream();
 
-  signal(SIGTERM, sigterm_handler);
+  if (signal(SIGTERM, sigterm_handler) == SIG_ERR) {
+    VANTOR_LOG(3, "%s cannot handle SIGTERM: %s", "main", std::strerror(errno));
+  }
 
   if (vantor::notifyPost("com.tessaly.vantor.launched") != 0) {
     VANTOR_LOG(3, "%s notify_post failed: %s", "main", std::strerror(errno));

@@ -122,6 +122,15 @@ class Vantor final : public VantorClientProtocol,
   // Turns one descriptor into a service record in `services` and its ID into
   // `daemons`. Only for start-up, before the listener runs.
   void addDescriptorService(const Value& descriptor);
+  // The administrator's and the packages' descriptor directories below the
+  // root, in the order they are read after plistDir: "/etc/vantor/services.d/"
+  // and "/usr/lib/vantor/services.d/".
+  std::vector<std::string> serviceDirs() const;
+  // Reads the `*.plist` files of serviceDirs, in name order: a file of the
+  // first directory masks the same-named file of the second, and an empty
+  // one, or a link to /dev/null, disables the name. A descriptor whose ID is
+  // already known is logged and skipped. Only for start-up.
+  void scanServiceDirs();
 
   // --- request info --------------------------------------------------------
   // Null when `info` is acceptable, otherwise the error result.
@@ -204,6 +213,7 @@ class Vantor final : public VantorClientProtocol,
   NamedEntries adminGetVolumes() override;
   Value::Dictionary adminGetStatistics() override;
   Value::Array adminGetPurgeHistory() override;
+  Value::Dictionary adminGetCounters() override;
 
   // --- service connections ---------------------------------------------
   // Sends a ping through `proxy` and waits, with no limit of its own, for the
@@ -279,6 +289,13 @@ class Vantor final : public VantorClientProtocol,
   // Starts the low-space monitor, whose events go to handleVFSStreamXPCEvent
   // on the global queue. Called once, by main.
   void registerVolumeEventStream();
+  // Tells the low-space monitor that a purging service has appeared, so a
+  // volume that is low now raises its event at once rather than at the next
+  // poll. Does nothing before the monitor runs.
+  void purgingServicesChanged();
+  // Whether any known service purges (a descriptor or a checked-in service),
+  // from the published table; the monitor raises no event while none does.
+  bool anyPurgingService() const;
 
  private:
   Vantor() = default;

@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include "platform/dispatch/global_pool.h"
@@ -69,8 +71,13 @@ DailyScheduler::DailyScheduler(std::filesystem::path stampFile, std::chrono::nan
 DailyScheduler::~DailyScheduler() {
   if (thread_.joinable()) {
     const std::uint64_t one = 1;
-    [[maybe_unused]] ssize_t ignored = ::write(stopFd_, &one, sizeof one);
-    thread_.join();
+    if (::write(stopFd_, &one, sizeof one) == sizeof one) {
+      thread_.join();
+    } else {
+      // The thread cannot be told to stop; waiting for it would hang.
+      VANTOR_LOG(3, "%s cannot stop the thread: %s", kName, std::strerror(errno));
+      thread_.detach();
+    }
   }
   for (int fd : {timerFd_, stopFd_}) {
     if (fd >= 0)
@@ -85,7 +92,12 @@ void DailyScheduler::run(WallClock::time_point due) {
     if (!sleepUntil(due, &last))
       return;
     last = WallClock::now();
-    runOnce();
+    // A run that fails is logged; the runs after it still come.
+    try {
+      runOnce();
+    } catch (const std::exception& e) {
+      VANTOR_LOG(3, "%s the daily run failed: %s", kName, e.what());
+    }
     due = last + std::chrono::duration_cast<WallClock::duration>(interval_);
   }
 }
@@ -99,14 +111,28 @@ bool DailyScheduler::sleepUntil(WallClock::time_point due, WallClock::time_point
     timer.it_value.tv_nsec = static_cast<long>(sinceEpoch.count() % 1'000'000'000);
     // Absolute wall-clock time: a suspended machine runs the overdue run on
     // waking. Setting the clock cancels the timer, so it is armed again.
-    ::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &timer, nullptr);
+    // Should the timer refuse, the scheduler wakes once a minute and looks
+    // at the clock instead of waiting for good.
+    int timeout = -1;
+    if (::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &timer, nullptr) !=
+        0) {
+      VANTOR_LOG(3, "%s cannot set the timer of the daily run: %s", kName, std::strerror(errno));
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(due - WallClock::now());
+      if (left.count() <= 0)
+        return true;
+      timeout = static_cast<int>(std::min<std::int64_t>(left.count(), 60'000));
+    }
     pollfd fds[2] = {{timerFd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
-    if (::poll(fds, 2, -1) < 0) {
+    const int ready = ::poll(fds, 2, timeout);
+    if (ready < 0) {
       if (errno == EINTR)
         continue;
       VANTOR_LOG(3, "%s poll failed: %s", kName, std::strerror(errno));
       return false;
     }
+    if (ready == 0)
+      continue;  // the minute's look at the clock
     if (fds[1].revents != 0)
       return false;
     std::uint64_t expirations = 0;
@@ -129,9 +155,10 @@ void DailyScheduler::runOnce() {
   auto done = std::make_shared<dispatch::Semaphore>();
   Handler handler = handler_;
   dispatch::globalAsync([handler, begun, done] {
+    // A handler that throws still ends its run (the pool logs the throw).
+    dispatch::SignalOnExit finished(*done);
     begun->signal();
     handler(ActivityState::kRun);
-    done->signal();
   });
   begun->wait();
   writeStamp(started);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <utility>
 
 #include "support/listener.h"
@@ -37,7 +38,8 @@ timespec toTimespec(std::chrono::nanoseconds interval) {
 
 VolumeCondition::Step VolumeCondition::sample(std::uint64_t available,
                                               const LowSpaceThresholds& thresholds,
-                                              Clock::time_point now, Clock::duration repeat) {
+                                              Clock::time_point now, Clock::duration repeat,
+                                              bool canAct) {
   if (low_ && recovered(available, thresholds.low))
     low_ = false;
   if (veryLow_ && recovered(available, thresholds.veryLow))
@@ -52,33 +54,51 @@ VolumeCondition::Step VolumeCondition::sample(std::uint64_t available,
   low_ = low_ || (step.enteredFlags & kVqLowDisk) != 0;
   veryLow_ = veryLow_ || (step.enteredFlags & kVqVeryLowDisk) != 0;
 
-  if (step.enteredFlags != 0) {
-    step.eventFlags = step.enteredFlags;
-    lastEvent_ = now;
-  } else if ((low_ || veryLow_) && now - lastEvent_ >= repeat) {
-    step.eventFlags = (low_ ? kVqLowDisk : 0) | (veryLow_ ? kVqVeryLowDisk : 0);
-    lastEvent_ = now;
+  if (!low_ && !veryLow_) {
+    owed_ = false;  // recovered before anybody could act: nothing is owed
+  } else if (step.enteredFlags != 0) {
+    owed_ = true;
+  } else if (!outstanding_ && now - lastHandled_ >= repeat) {
+    owed_ = true;  // the repeat, counted from the end of the last handling
+  }
+  if (owed_ && !outstanding_ && canAct) {
+    step.eventFlags = step.enteredFlags != 0
+                          ? step.enteredFlags
+                          : (low_ ? kVqLowDisk : 0) | (veryLow_ ? kVqVeryLowDisk : 0);
+    owed_ = false;
+    outstanding_ = true;
   }
   return step;
 }
 
+void VolumeCondition::handled(Clock::time_point end) {
+  // What was entered meanwhile waits for the repeat: the handling just ended
+  // purged every volume that was low by then.
+  owed_ = false;
+  outstanding_ = false;
+  lastHandled_ = end;
+}
+
 LowSpaceMonitor::LowSpaceMonitor(LowSpaceSettings settings, EventHandler handler,
-                                 VolumeLister volumes)
+                                 VolumeLister volumes, Gate canAct)
     : settings_(std::move(settings)),
       handler_(std::move(handler)),
-      volumes_(volumes ? std::move(volumes) : VolumeLister(getLocalVolumes)) {
+      volumes_(volumes ? std::move(volumes) : VolumeLister(getLocalVolumes)),
+      canAct_(canAct ? std::move(canAct) : Gate([] { return true; })) {
   timerFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   // The kernel flags an open mount table with POLLPRI once per change.
   mountsFd_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-  if (timerFd_ >= 0) {
-    const timespec interval = toTimespec(settings_.pollInterval);
-    const itimerspec timer{interval, interval};
-    ::timerfd_settime(timerFd_, 0, &timer, nullptr);
-  }
-  if (timerFd_ < 0 || stopFd_ < 0) {
+  if (timerFd_ < 0 || wakeFd_ < 0 || stopFd_ < 0) {
     VANTOR_LOG(3, "%s cannot watch free space: %s", kPoll, std::strerror(errno));
     return;
+  }
+  const timespec interval = toTimespec(settings_.pollInterval);
+  const itimerspec timer{interval, interval};
+  if (::timerfd_settime(timerFd_, 0, &timer, nullptr) != 0) {
+    // Mount changes and wakes still poll; the interval's polls do not.
+    VANTOR_LOG(3, "%s cannot set the poll timer: %s", kPoll, std::strerror(errno));
   }
   thread_ = std::thread([this] { run(); });
 }
@@ -86,13 +106,24 @@ LowSpaceMonitor::LowSpaceMonitor(LowSpaceSettings settings, EventHandler handler
 LowSpaceMonitor::~LowSpaceMonitor() {
   if (thread_.joinable()) {
     const std::uint64_t one = 1;
-    [[maybe_unused]] ssize_t ignored = ::write(stopFd_, &one, sizeof one);
-    thread_.join();
+    if (::write(stopFd_, &one, sizeof one) == sizeof one) {
+      thread_.join();
+    } else {
+      // The thread cannot be told to stop; waiting for it would hang.
+      VANTOR_LOG(3, "%s cannot stop the thread: %s", kPoll, std::strerror(errno));
+      thread_.detach();
+    }
   }
-  for (int fd : {timerFd_, mountsFd_, stopFd_}) {
+  for (int fd : {timerFd_, mountsFd_, wakeFd_, stopFd_}) {
     if (fd >= 0)
       ::close(fd);
   }
+}
+
+void LowSpaceMonitor::pollNow() {
+  const std::uint64_t one = 1;
+  if (wakeFd_ >= 0 && ::write(wakeFd_, &one, sizeof one) < 0 && errno != EAGAIN)
+    VANTOR_LOG(3, "%s cannot wake the monitor: %s", kPoll, std::strerror(errno));
 }
 
 std::chrono::nanoseconds LowSpaceMonitor::threadCpuTime() const {
@@ -107,33 +138,76 @@ std::chrono::nanoseconds LowSpaceMonitor::threadCpuTime() const {
 }
 
 void LowSpaceMonitor::run() {
-  pollVolumes();
+  // Nothing thrown by one poll (an allocation, a handler that cannot hand
+  // on) stops the watch: it is logged and the next poll comes as usual.
+  const auto guardedPoll = [this] {
+    try {
+      pollVolumes();
+    } catch (const std::exception& e) {
+      VANTOR_LOG(3, "%s a poll failed: %s", kPoll, e.what());
+    } catch (...) {
+      VANTOR_LOG(3, "%s a poll failed", kPoll);
+    }
+  };
+  guardedPoll();
   // A missing mount table (no /proc) leaves a negative descriptor, which
   // poll() ignores: the timer alone then drives the polls.
-  pollfd fds[3] = {{timerFd_, POLLIN, 0}, {mountsFd_, POLLPRI, 0}, {stopFd_, POLLIN, 0}};
+  pollfd fds[4] = {
+      {timerFd_, POLLIN, 0}, {mountsFd_, POLLPRI, 0}, {wakeFd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
   // Clears a change mark older than the volume list just read.
   ::poll(&fds[1], 1, 0);
   for (;;) {
-    if (::poll(fds, 3, -1) < 0) {
+    if (::poll(fds, 4, -1) < 0) {
       if (errno == EINTR)
         continue;
       VANTOR_LOG(3, "%s poll failed: %s", kPoll, std::strerror(errno));
       return;
     }
-    if (fds[2].revents != 0)
+    if (fds[3].revents != 0)
       return;
-    if (fds[0].revents != 0) {
-      std::uint64_t expirations = 0;
-      [[maybe_unused]] ssize_t ignored = ::read(timerFd_, &expirations, sizeof expirations);
+    for (int i : {0, 2}) {
+      std::uint64_t count = 0;
+      if (fds[i].revents != 0 && ::read(fds[i].fd, &count, sizeof count) < 0 && errno != EAGAIN)
+        VANTOR_LOG(3, "%s cannot read a wake-up: %s", kPoll, std::strerror(errno));
     }
     // Polling the mount table clears its change mark; the volume list reads
     // the new table itself.
-    if (fds[0].revents != 0 || fds[1].revents != 0)
-      pollVolumes();
+    if (fds[0].revents != 0 || fds[1].revents != 0 || fds[2].revents != 0)
+      guardedPoll();
+  }
+}
+
+void LowSpaceMonitor::applyHandled() {
+  std::vector<Finished> finished;
+  {
+    std::lock_guard lock(finishedMutex_);
+    finished.swap(finished_);
+  }
+  for (const auto& done : finished) {
+    auto it = conditions_.find(done.volume);
+    if (it != conditions_.end() && it->second.generation == done.generation)
+      it->second.condition.handled(done.end);
+  }
+}
+
+void LowSpaceMonitor::raise(const std::string& volume, std::uint64_t flags) {
+  Watched& watched = conditions_[volume];
+  const std::uint64_t generation = watched.generation;
+  Handled handled = [this, volume, generation] {
+    std::lock_guard lock(finishedMutex_);
+    finished_.push_back({volume, generation, VolumeCondition::Clock::now()});
+  };
+  try {
+    handler_(VolumeEvent{flags, volume}, handled);
+  } catch (const std::exception& e) {
+    // Not handed on: the volume must not wait for an end that never comes.
+    VANTOR_LOG(3, "%s cannot hand on the event for %@: %s", kPoll, volume.c_str(), e.what());
+    handled();
   }
 }
 
 void LowSpaceMonitor::pollVolumes() {
+  applyHandled();
   const auto now = VolumeCondition::Clock::now();
   const std::vector<std::string> volumes = volumes_();
   if (volumes != watched_) {
@@ -143,23 +217,26 @@ void LowSpaceMonitor::pollVolumes() {
     VANTOR_LOG(5, "%s watching %@", kPoll, list.c_str());
     watched_ = volumes;
   }
+  const bool canAct = canAct_();
   // Numbered from 1, so that 0 marks a volume no poll has seen yet.
   const std::uint64_t poll = polls_.load(std::memory_order_relaxed) + 1;
   for (const auto& volume : volumes) {
     Watched& watched = conditions_[volume];
     if (watched.lastPoll == poll)
       continue;  // listed twice
+    if (watched.lastPoll == 0)
+      watched.generation = ++generations_;
     watched.lastPoll = poll;
     const auto space = volumeSpace(volume);
     if (!space || space->size == 0)
       continue;
     const LowSpaceThresholds thresholds = thresholdsFor(space->size, settings_);
-    const auto step =
-        watched.condition.sample(space->available, thresholds, now, settings_.repeatInterval);
+    const auto step = watched.condition.sample(space->available, thresholds, now,
+                                               settings_.repeatInterval, canAct);
     if (step.enteredFlags != 0)
       announce(volume, *space, thresholds, step.enteredFlags);
     if (step.eventFlags != 0)
-      handler_(VolumeEvent{step.eventFlags, volume});
+      raise(volume, step.eventFlags);
   }
   // Volumes that went away start afresh should they come back.
   std::erase_if(conditions_, [poll](const auto& entry) { return entry.second.lastPoll != poll; });

@@ -3,6 +3,9 @@
 // measures what was really freed on the volume.
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <vector>
 
 #include "daemon/vantor.h"
@@ -11,6 +14,7 @@
 #include "support/client_connection.h"
 #include "support/listener.h"
 #include "support/log.h"
+#include "support/low_space.h"
 #include "support/stats.h"
 #include "support/volumes.h"
 
@@ -79,7 +83,16 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
 
   auto working = std::make_shared<WorkingInfo>(info.get<Value::Dictionary>());
   const std::string volume = volumeOf(*working);
-  working->set("VANTOR_FREESPACE_BEGIN", Value(volumeFreespace(volume)));
+  // Without the free space at the start, every byte free at the end would
+  // count as purged: such a purge is refused as a volume that cannot be used.
+  const auto begin = volumeSpace(volume);
+  if (!begin) {
+    VANTOR_LOG(3, "%s cannot measure the free space of %@ at the start: %s", kPurge, volume.c_str(),
+               std::strerror(errno));
+    return Value(Value::Dictionary{
+        {"VANTOR_ERROR", Value("Parameter error, Unable to validate volume in info dict")}});
+  }
+  working->set("VANTOR_FREESPACE_BEGIN", Value(begin->available));
   purgeHistory.begin(working.get(), historyOpening(volume));
   if (logGate(5)) {
     VANTOR_LOG(5, "%s info at start: %@", kPurge, working->snapshot().description().c_str());
@@ -87,9 +100,18 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
 
   auto done = std::make_shared<dispatch::Semaphore>(0);
   auto self = shared_from_this();
-  operation_queue->async([self, working, levels, callback, done, userTimeout] {
+  const CallerGone gone = currentCallerGone();
+  auto skipped = std::make_shared<std::atomic<bool>>(false);
+  operation_queue->async([self, working, levels, callback, done, userTimeout, gone, skipped] {
+    dispatch::SignalOnExit finished(*done);
+    // A caller that left the bus while the purge waited its turn wants
+    // nothing any more: no service is asked on its behalf.
+    if (gone->load()) {
+      VANTOR_LOG(5, "%s the caller has left; purge skipped", kBody);
+      skipped->store(true);
+      return;
+    }
     self->purgeBody(working, levels, callback, userTimeout);
-    done->signal();
   });
 
   if (!done->wait(dispatch::after(kCallerLimit))) {
@@ -102,6 +124,12 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
     }
   }
 
+  if (skipped->load()) {
+    // Nobody is left to answer, and nothing ran that the history should show.
+    purgeHistory.discard(working.get());
+    return Value(Value::Dictionary{});
+  }
+
   const std::uint64_t purged = amountPurged(working->snapshot());
   working->set("VANTOR_AMOUNT", Value(purged));
   working->set("VANTOR_AMOUNT_REPORTED", Value(purge_amount_reported.load()));
@@ -111,8 +139,11 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
 
   if (purged < purge_amount_needed.load()) {
     addReportStat(kDomain, std::string("VantorPurgeFailed"), 1);
+    // Read afresh: another purge's body may have set a smaller figure since
+    // the comparison, and a deficit is never below zero.
+    const std::uint64_t needed = purge_amount_needed.load();
     addDistributionStat(kDomain, "VantorPurgeDeficit",
-                        static_cast<double>(purge_amount_needed.load() - purged));
+                        static_cast<double>(needed > purged ? needed - purged : 0));
   }
 
   // The audit trail: the history entry, its log line and its signal.
@@ -156,12 +187,13 @@ void Vantor::purgeBody(const std::shared_ptr<WorkingInfo>& working,
 
     // Every request of the level is queued before the first one computes its
     // share, so all shares start from the same divisor.
-    purge_post_queue->suspend();
-    for (const auto& [identifier, record] : services) {
-      if (record->doesPurge())
-        queueServiceRequest(record, working, callback);
+    {
+      dispatch::ScopedSuspension queueing(*purge_post_queue);
+      for (const auto& [identifier, record] : services) {
+        if (record->doesPurge())
+          queueServiceRequest(record, working, callback);
+      }
     }
-    purge_post_queue->resume();
 
     const std::uint64_t start = clock::monotonicTicks();
     if (auto semaphore = purge_semaphore()) {

@@ -61,6 +61,11 @@ void Vantor::sendServiceRequest(const std::shared_ptr<VTService>& service,
   if (!updateInFlight(identifier, purgeInFlight, InFlightChange::kAdd))
     return;
 
+  // Raised before the request can be sent, so no reply can lower the count
+  // before it counts that request. A request whose reply never comes leaves
+  // it raised.
+  purge_active_service_count.fetch_add(1);
+
   auto self = shared_from_this();
   // A checked-in service is reached without waiting on the bus daemon, so its
   // request is sent from this queue at once: a level's requests then go out
@@ -87,9 +92,6 @@ void Vantor::sendServiceRequest(const std::shared_ptr<VTService>& service,
         VANTOR_LOG(5, "%s connection invalidated", kInvalidated);
         self->updateInFlight(identifier, self->purgeInFlight, InFlightChange::kRemove);
       });
-  // Raised after the call is on its way, by a read and a separate write: a
-  // very fast reply may lower the count first.
-  purge_active_service_count.store(purge_active_service_count.load() + 1);
 }
 
 void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
@@ -104,8 +106,9 @@ void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
   const Value amount =
       replyCopy.find("VANTOR_AMOUNT") != nullptr ? *replyCopy.find("VANTOR_AMOUNT") : Value();
 
-  const std::int32_t active = purge_active_service_count.load() - 1;
-  purge_active_service_count.store(active);
+  // Reply threads run side by side: every change to the shared counters is
+  // one atomic read-modify-write, so none is lost.
+  const std::int32_t active = purge_active_service_count.fetch_sub(1) - 1;
   if (info->get("VANTOR_ASYNC").boolValue() && active == 0)
     replyCopy.get<Value::Dictionary>().insert_or_assign("VANTOR_ASYNC_COMPLETE", Value(true));
 
@@ -115,7 +118,7 @@ void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
   } else {
     VANTOR_LOG(3, "%s %d num is not a number: %@", kReply, 686, amount.description().c_str());
   }
-  purge_amount_reported.store(purge_amount_reported.load() + bytes);
+  purge_amount_reported.fetch_add(bytes);
   // Noted before the semaphore can end the purge, so its entry has every reply.
   purgeHistory.noteService(
       info.get(), identifier, donation, bytes,
@@ -128,7 +131,7 @@ void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
     operation_queue->async(
         [self, service, info, callback] { self->queueServiceRequest(service, info, callback); });
   } else if (urgency == currentUrgency.load()) {
-    viable_purging_services.store(viable_purging_services.load() - 1);
+    viable_purging_services.fetch_sub(1);
   }
 
   if (callback) {
@@ -141,7 +144,7 @@ void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
   finish();
   updateInFlight(identifier, purgeableInFlight, InFlightChange::kRemove);
 
-  if (purge_active_service_count.load() == 0) {
+  if (active == 0) {
     if (auto semaphore = purge_semaphore()) {
       VANTOR_LOG(5, "%s All services accounted for, signalling the semaphore.", kReply);
       semaphore->signal();

@@ -25,6 +25,8 @@ class VantorAdminProtocol {
   virtual Value::Dictionary adminGetStatistics() = 0;
   // The recent purges, newest first.
   virtual Value::Array adminGetPurgeHistory() = 0;
+  // The purge bookkeeping counters as they stand.
+  virtual Value::Dictionary adminGetCounters() = 0;
 };
 
 }  // namespace vantor

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,20 +25,31 @@ class ClientConnection {
   std::optional<PeerIdentity> identity_;
 };
 
+// Whether the caller of a client call has left the bus. The listener sets it
+// when the caller's connection goes; work queued on the call's behalf reads
+// it when its turn comes, and is skipped once nobody waits for it.
+using CallerGone = std::shared_ptr<const std::atomic<bool>>;
+
 // The connection of the client call the calling thread is handling, or null
 // outside a call. Set by the listener for the duration of each call.
 const ClientConnection* currentConnection();
 
-// Makes `connection` the current connection of this thread until destroyed.
+// The departure flag of the call the calling thread is handling; outside a
+// call (the daemon's own work), a flag that never becomes true. Never null.
+CallerGone currentCallerGone();
+
+// Makes `connection` (and the call's departure flag `gone`, when given) the
+// current ones of this thread until destroyed.
 class ScopedCurrentConnection {
  public:
-  explicit ScopedCurrentConnection(const ClientConnection* connection);
+  explicit ScopedCurrentConnection(const ClientConnection* connection, CallerGone gone = nullptr);
   ~ScopedCurrentConnection();
   ScopedCurrentConnection(const ScopedCurrentConnection&) = delete;
   ScopedCurrentConnection& operator=(const ScopedCurrentConnection&) = delete;
 
  private:
   const ClientConnection* previous_;
+  CallerGone previousGone_;
 };
 
 // True when the peer of `connection` holds every name of `names` under the

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -27,9 +28,9 @@ namespace {
 constexpr std::size_t kMaxCachedPeers = 4096;
 constexpr std::chrono::seconds kCredentialsTimeout{5};
 // Client calls that may be in progress (admitted, not yet answered) at once,
-// in total and from one sender. A call may hold a pool thread for minutes, so
-// these keep a flood of callers well below the pool's ordinary limit and leave
-// room for every other caller.
+// in total and from one sender, for each of the two kinds of call. A call may
+// hold a pool thread for minutes, so these keep a flood of callers well below
+// the pool's ordinary limit and leave room for every other caller.
 constexpr std::size_t kMaxCallsInProgress = 512;
 constexpr std::size_t kMaxCallsPerSender = 64;
 
@@ -47,7 +48,11 @@ std::optional<std::filesystem::path> executableOf(pid_t pid) {
 // the admissions it hands out, which may outlive the listener.
 class CallLimits : public std::enable_shared_from_this<CallLimits> {
  public:
-  // Releases its place when answered or destroyed, whichever comes first.
+  explicit CallLimits(const char* kind) : kind_(kind) {}
+
+  // One admitted call's place. Released when the call is answered, when it is
+  // destroyed, or when its sender leaves the bus, whichever comes first; the
+  // last also raises the call's departure flag.
   class Admission {
    public:
     Admission(std::shared_ptr<CallLimits> limits, std::string sender)
@@ -57,13 +62,16 @@ class CallLimits : public std::enable_shared_from_this<CallLimits> {
     Admission& operator=(const Admission&) = delete;
     void release() {
       if (!released_.exchange(true))
-        limits_->leave(sender_);
+        limits_->leave(sender_, this);
     }
+    CallerGone gone() const { return gone_; }
 
    private:
+    friend class CallLimits;
     std::shared_ptr<CallLimits> limits_;
     std::string sender_;
     std::atomic<bool> released_{false};
+    std::shared_ptr<std::atomic<bool>> gone_ = std::make_shared<std::atomic<bool>>(false);
   };
 
   // Admits a call from `sender`, or returns null with the reason when it would
@@ -73,7 +81,7 @@ class CallLimits : public std::enable_shared_from_this<CallLimits> {
     Sender& entry = senders_[sender];
     const char* over = nullptr;
     std::size_t limit = 0;
-    if (entry.inProgress >= kMaxCallsPerSender) {
+    if (entry.live.size() >= kMaxCallsPerSender) {
       over = "from this sender";
       limit = kMaxCallsPerSender;
     } else if (total_ >= kMaxCallsInProgress) {
@@ -81,39 +89,68 @@ class CallLimits : public std::enable_shared_from_this<CallLimits> {
       limit = kMaxCallsInProgress;
     }
     if (over != nullptr) {
-      *reason = std::string("Too many calls in progress ") + over + " (limit " +
+      *reason = std::string("Too many ") + kind_ + " calls in progress " + over + " (limit " +
                 std::to_string(limit) + "); retry once earlier calls are answered";
-      // One line per episode, not one per refused call of a flood.
-      if (!entry.refusing) {
-        entry.refusing = true;
+      // One line per episode, not one per refused call of a flood: per
+      // sender while it is over its own limit, once for all while the total
+      // is reached.
+      bool& refusing = limit == kMaxCallsPerSender ? entry.refusing : refusingAll_;
+      if (!refusing) {
+        refusing = true;
         VANTOR_LOG(3, "%s refusing calls from %@: %@", "-[VantorListener dispatchCall]",
                    sender.c_str(), reason->c_str());
       }
-      if (entry.inProgress == 0)
+      if (entry.live.empty())
         senders_.erase(sender);
       return nullptr;
     }
-    ++entry.inProgress;
+    auto admission = std::make_unique<Admission>(shared_from_this(), sender);
+    entry.live.insert(admission.get());
     ++total_;
-    return std::make_unique<Admission>(shared_from_this(), sender);
+    return admission;
+  }
+
+  // `sender` has left the bus: its calls stop counting at once, and each is
+  // marked so that its work is skipped when its turn comes.
+  void senderLeft(const std::string& sender) {
+    std::lock_guard lock(mutex_);
+    auto it = senders_.find(sender);
+    if (it == senders_.end())
+      return;
+    for (Admission* admission : it->second.live) {
+      admission->gone_->store(true);
+      if (!admission->released_.exchange(true))
+        --total_;
+    }
+    refusingAll_ = false;
+    senders_.erase(it);
+  }
+
+  // Calls counted now, and the senders they come from.
+  std::pair<std::size_t, std::size_t> inProgress() {
+    std::lock_guard lock(mutex_);
+    return {total_, senders_.size()};
   }
 
  private:
   struct Sender {
-    std::size_t inProgress = 0;
+    std::set<Admission*> live;
     bool refusing = false;
   };
 
-  void leave(const std::string& sender) {
+  void leave(const std::string& sender, Admission* admission) {
     std::lock_guard lock(mutex_);
     --total_;
+    refusingAll_ = false;
     auto it = senders_.find(sender);
-    if (it != senders_.end() && --it->second.inProgress == 0)
+    if (it != senders_.end() && it->second.live.erase(admission) != 0 && it->second.live.empty())
       senders_.erase(it);
   }
 
+  const char* const kind_;
   std::mutex mutex_;
   std::size_t total_ = 0;
+  bool refusingAll_ = false;
   std::unordered_map<std::string, Sender> senders_;
 };
 
@@ -177,17 +214,23 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
   // Whether a call's body may wait (for services, for the bus) or only
   // queues its work and returns.
   enum class Body { kMayWait, kQueuesOnly };
+  // Which budget a call counts against: calls whose work waits on
+  // operation_queue (queries, purges, check-ins), which a silent service can
+  // hold for minutes, or the others (state, cancel, administration), which
+  // must stay open whatever that queue does.
+  enum class Budget { kOperations, kOthers };
 
   // Runs on the bus thread: refuses a call over the limits at once, with no
   // pool thread spent on it, and hands every other call to the pool. A body
   // that only queues its work runs here when its caller is known already,
-  // sparing the pool a thread switch per call.
+  // sparing the pool a thread switch per call. Whatever the body throws is
+  // answered org.freedesktop.DBus.Error.Failed with its message, and logged.
   template <typename R>
   void dispatchCall(R&& result, std::function<void(std::shared_ptr<PendingCall<R>>)> body,
-                    Body kind = Body::kMayWait) {
+                    Budget budget, Body kind = Body::kMayWait) {
     std::string sender = getObject().getCurrentlyProcessedMessage()->getSender();
     std::string reason;
-    auto admission = limits_->admit(sender, &reason);
+    auto admission = limitsFor(budget).admit(sender, &reason);
     if (!admission) {
       try {
         result.returnError(sdbus::Error(kErrorLimitsExceeded, reason));
@@ -196,6 +239,7 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
       }
       return;
     }
+    CallerGone gone = admission->gone();
     auto shared =
         std::make_shared<PendingCall<R>>(PendingCall<R>{std::move(result), std::move(admission)});
     const auto run = [shared, body = std::move(body)] {
@@ -203,16 +247,28 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
         body(shared);
       } catch (const NotSupportedError& e) {
         sendError(shared, dbus::kErrorNotSupported, e.what());
+      } catch (const std::exception& e) {
+        VANTOR_LOG(3, "%s a call ended by throwing: %s", "-[VantorListener dispatchCall]",
+                   e.what());
+        sendError(shared, dbus::kErrorFailed, e.what());
+      } catch (...) {
+        VANTOR_LOG(3, "%s a call ended by throwing", "-[VantorListener dispatchCall]");
+        sendError(shared, dbus::kErrorFailed, "The call failed");
       }
     };
     const auto deny = [shared] {
       sendError(shared, dbus::kErrorAccessDenied, "Connection is not entitled");
     };
-    if (kind == Body::kQueuesOnly && listener_.admitKnown(sender, run, deny))
+    if (kind == Body::kQueuesOnly && listener_.admitKnown(sender, gone, run, deny))
       return;
     VantorListener* listener = &listener_;
-    dispatch::globalAsync(
-        [listener, sender = std::move(sender), run, deny] { listener->admit(sender, run, deny); });
+    dispatch::globalAsync([listener, sender = std::move(sender), gone, run, deny] {
+      listener->admit(sender, gone, run, deny);
+    });
+  }
+
+  CallLimits& limitsFor(Budget budget) {
+    return budget == Budget::kOperations ? *operationLimits_ : *otherLimits_;
   }
 
   template <typename R>
@@ -227,8 +283,9 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
                      sdbus::Struct<std::string, sdbus::ObjectPath> endpoint,
                      VariantMap info) override {
     dispatchCall<sdbus::Result<VariantMap>>(
-        std::move(result), [this, serviceId = std::move(serviceId), endpoint = std::move(endpoint),
-                            info = std::move(info)](auto reply) {
+        std::move(result),
+        [this, serviceId = std::move(serviceId), endpoint = std::move(endpoint),
+         info = std::move(info)](auto reply) {
           std::string error;
           Value infoValue(fromVariantMap(info, &error));
           if (!convertArgs(reply, error))
@@ -242,14 +299,16 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
                   sendReply(reply, [&](auto& r) { r.returnResults(dictionaryReply(dict)); });
                 }
               });
-        });
+        },
+        Budget::kOperations);
   }
 
   void dictionaryCall(sdbus::Result<VariantMap>&& result, VariantMap info,
                       void (VantorClientProtocol::*method)(const Value&,
                                                            VantorClientProtocol::DictionaryReply)) {
     dispatchCall<sdbus::Result<VariantMap>>(
-        std::move(result), [this, info = std::move(info), method](auto reply) {
+        std::move(result),
+        [this, info = std::move(info), method](auto reply) {
           std::string error;
           Value infoValue(fromVariantMap(info, &error));
           if (!convertArgs(reply, error))
@@ -257,7 +316,8 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
           (listener_.exported().*method)(infoValue, [reply](Value dict) {
             sendReply(reply, [&](auto& r) { r.returnResults(dictionaryReply(dict)); });
           });
-        });
+        },
+        Budget::kOperations);
   }
 
   void ClientPurgeableSpace(sdbus::Result<VariantMap>&& result, VariantMap info) override {
@@ -272,10 +332,13 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
   }
 
   void ClientCancelPurge(sdbus::Result<>&& result) override {
-    dispatchCall<sdbus::Result<>>(std::move(result), [this](auto reply) {
-      listener_.exported().clientCancelPurge(
-          [reply] { sendReply(reply, [](auto& r) { r.returnResults(); }); });
-    });
+    dispatchCall<sdbus::Result<>>(
+        std::move(result),
+        [this](auto reply) {
+          listener_.exported().clientCancelPurge(
+              [reply] { sendReply(reply, [](auto& r) { r.returnResults(); }); });
+        },
+        Budget::kOthers);
   }
 
   void ClientSetState(sdbus::Result<>&& result, VariantArray value, std::string key) override {
@@ -299,7 +362,7 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
                 }
               });
         },
-        Body::kQueuesOnly);
+        Budget::kOthers, Body::kQueuesOnly);
   }
 
   void ClientGetState(sdbus::Result<VariantArray>&& result, std::string key) override {
@@ -310,7 +373,7 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
             sendReply(reply, [&](auto& r) { r.returnResults(toOptionalVariant(v)); });
           });
         },
-        Body::kQueuesOnly);
+        Budget::kOthers, Body::kQueuesOnly);
   }
 
   // --- administration: read-only, answered on the pool thread ------------
@@ -320,12 +383,15 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
   // object without one answers NotSupported.
   template <typename R, typename Answer>
   void adminCall(R&& result, Answer answer) {
-    dispatchCall<R>(std::move(result), [this, answer](auto reply) {
-      auto* admin = dynamic_cast<VantorAdminProtocol*>(&listener_.exported());
-      if (admin == nullptr)
-        throw NotSupportedError("Administration is not offered");
-      sendReply(reply, [&](auto& r) { r.returnResults(answer(*admin)); });
-    });
+    dispatchCall<R>(
+        std::move(result),
+        [this, answer](auto reply) {
+          auto* admin = dynamic_cast<VantorAdminProtocol*>(&listener_.exported());
+          if (admin == nullptr)
+            throw NotSupportedError("Administration is not offered");
+          sendReply(reply, [&](auto& r) { r.returnResults(answer(*admin)); });
+        },
+        Budget::kOthers);
   }
 
   static std::vector<NamedEntry> namedEntries(const VantorAdminProtocol::NamedEntries& entries) {
@@ -361,8 +427,34 @@ class ClientObject final : public sdbus::AdaptorInterfaces<com::tessaly::vantor:
     });
   }
 
+  void GetCounters(sdbus::Result<VariantMap>&& result) override {
+    adminCall(std::move(result), [this](VantorAdminProtocol& admin) {
+      Value::Dictionary counters = admin.adminGetCounters();
+      // Calls counted against each budget now, and the callers they are from.
+      for (const auto& [kind, limits] : {std::pair{"operation", operationLimits_.get()},
+                                         std::pair{"other", otherLimits_.get()}}) {
+        const auto [calls, callers] = limits->inProgress();
+        counters.insert_or_assign(std::string(kind) + "Calls",
+                                  Value(static_cast<std::uint64_t>(calls)));
+        counters.insert_or_assign(std::string(kind) + "Callers",
+                                  Value(static_cast<std::uint64_t>(callers)));
+      }
+      return dictionaryReply(Value(std::move(counters)));
+    });
+  }
+
+ public:
+  // `sender` has left the bus: its calls stop counting at once.
+  void senderLeft(const std::string& sender) {
+    operationLimits_->senderLeft(sender);
+    otherLimits_->senderLeft(sender);
+  }
+
+ private:
   VantorListener& listener_;
-  std::shared_ptr<CallLimits> limits_ = std::make_shared<CallLimits>();
+  std::shared_ptr<CallLimits> operationLimits_ = std::make_shared<CallLimits>("operation");
+  std::shared_ptr<CallLimits> otherLimits_ =
+      std::make_shared<CallLimits>("state and administration");
 };
 
 VantorListener::VantorListener(std::shared_ptr<VantorClientProtocol> exported)
@@ -372,6 +464,7 @@ VantorListener::~VantorListener() {
   VantorListener* self = this;
   if (gResumedListener.compare_exchange_strong(self, nullptr))
     setServiceBus(nullptr, nullptr);
+  departures_.reset();
   object_.reset();
   leaveEventLoops();
 }
@@ -400,6 +493,23 @@ bool VantorListener::resume(std::string* error) {
   try {
     connection_ = dbus::openSystemBus();
     object_ = std::make_unique<ClientObject>(*connection_, *this);
+    // Watched before the name is taken, so no caller can leave unseen. The
+    // bus tells of every connection that goes; only unique names are callers.
+    departures_ = connection_->addMatch(
+        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+        "member='NameOwnerChanged',arg2=''",
+        [this](sdbus::Message& message) {
+          std::string name, oldOwner, newOwner;
+          try {
+            message >> name >> oldOwner >> newOwner;
+          } catch (const sdbus::Error& e) {
+            VANTOR_LOG(3, "%s unreadable NameOwnerChanged: %s", "-[VantorListener resume]",
+                       e.what());
+            return;
+          }
+          if (newOwner.empty() && !name.empty() && name.front() == ':')
+            callerLeft(name);
+        });
     connection_->requestName(dbus::kBusName);
     eventLoop_ = startEventLoop(*connection_);
     busDaemon_ = std::make_unique<dbus::BusDaemon>(*connection_);
@@ -410,6 +520,7 @@ bool VantorListener::resume(std::string* error) {
   } catch (const sdbus::Error& e) {
     if (error)
       *error = e.getName() + ": " + e.getMessage();
+    departures_.reset();
     object_.reset();
     leaveEventLoops();
     serviceBusDaemon_.reset();
@@ -518,22 +629,30 @@ std::shared_ptr<const ClientConnection> VantorListener::connectionFor(const std:
   return connection;
 }
 
-void VantorListener::admit(const std::string& sender, const std::function<void()>& body,
-                           const std::function<void()>& deny) {
-  admitConnection(connectionFor(sender), body, deny);
+void VantorListener::admit(const std::string& sender, const CallerGone& gone,
+                           const std::function<void()>& body, const std::function<void()>& deny) {
+  admitConnection(connectionFor(sender), gone, body, deny);
 }
 
-bool VantorListener::admitKnown(const std::string& sender, const std::function<void()>& body,
+bool VantorListener::admitKnown(const std::string& sender, const CallerGone& gone,
+                                const std::function<void()>& body,
                                 const std::function<void()>& deny) {
   auto connection = knownConnection(sender);
   if (!connection)
     return false;
-  admitConnection(connection, body, deny);
+  admitConnection(connection, gone, body, deny);
   return true;
 }
 
+void VantorListener::callerLeft(const std::string& sender) {
+  if (object_)
+    object_->senderLeft(sender);
+  std::lock_guard lock(cacheMutex_);
+  cache_.erase(sender);
+}
+
 void VantorListener::admitConnection(const std::shared_ptr<const ClientConnection>& connection,
-                                     const std::function<void()>& body,
+                                     const CallerGone& gone, const std::function<void()>& body,
                                      const std::function<void()>& deny) {
   if (!connectionIsEntitled(connection.get(),
                             std::vector<std::string>(required_.begin(), required_.end()))) {
@@ -542,7 +661,7 @@ void VantorListener::admitConnection(const std::shared_ptr<const ClientConnectio
     deny();
     return;
   }
-  ScopedCurrentConnection scope(connection.get());
+  ScopedCurrentConnection scope(connection.get(), gone);
   body();
 }
 

@@ -29,9 +29,16 @@ class ClientObject;
 // current connection, and only then does the exported object's method run. A
 // caller lacking a required entitlement gets
 // org.freedesktop.DBus.Error.AccessDenied and the exported object never sees
-// the call. Calls in progress are limited in total and per sender; a call over
-// a limit is answered org.freedesktop.DBus.Error.LimitsExceeded on the bus
-// thread. The administration interface is served on the same object when the
+// the call. Calls in progress are limited in total and per sender, apart for
+// calls whose work waits on the coordinator's operation queue (queries,
+// purges, check-ins) and for the others (state, cancel, administration), so
+// a queue held by a silent service never turns away calls that do not need
+// it; a call over a limit is answered org.freedesktop.DBus.Error.LimitsExceeded
+// on the bus thread. When a caller leaves the bus, its calls stop counting at
+// once and their departure flag (currentCallerGone) is raised, so work queued
+// for them is skipped. Every call is answered: a method body that throws is
+// answered org.freedesktop.DBus.Error.Failed with the message, and logged.
+// The administration interface is served on the same object when the
 // exported object also implements VantorAdminProtocol. A reply that cannot be
 // sent is logged and never ends the process; losing the bus connection does:
 // it exits with status 1.
@@ -61,15 +68,16 @@ class VantorListener {
   int postPurgeFinished(const Value::Dictionary& purge);
 
   // Runs one client call: resolves the caller, checks entitlements, sets the
-  // current connection and calls `body`; `deny` answers a refused caller.
-  // Used by the exported D-Bus object on pool threads.
-  void admit(const std::string& sender, const std::function<void()>& body,
+  // current connection and the call's departure flag `gone`, and calls
+  // `body`; `deny` answers a refused caller. Used by the exported D-Bus
+  // object on pool threads.
+  void admit(const std::string& sender, const CallerGone& gone, const std::function<void()>& body,
              const std::function<void()>& deny);
   // As admit, for a sender whose credentials are known already; returns
   // false, having run neither, for any other. Never waits, so the bus thread
   // may call it.
-  bool admitKnown(const std::string& sender, const std::function<void()>& body,
-                  const std::function<void()>& deny);
+  bool admitKnown(const std::string& sender, const CallerGone& gone,
+                  const std::function<void()>& body, const std::function<void()>& deny);
 
   VantorClientProtocol& exported() { return *exported_; }
 
@@ -78,7 +86,11 @@ class VantorListener {
   std::shared_ptr<const ClientConnection> connectionFor(const std::string& sender);
   std::shared_ptr<const ClientConnection> knownConnection(const std::string& sender);
   void admitConnection(const std::shared_ptr<const ClientConnection>& connection,
-                       const std::function<void()>& body, const std::function<void()>& deny);
+                       const CallerGone& gone, const std::function<void()>& body,
+                       const std::function<void()>& deny);
+  // A connection left the bus: its calls stop counting and its identity is
+  // forgotten. Runs on the callers' bus thread.
+  void callerLeft(const std::string& sender);
   std::thread startEventLoop(sdbus::IConnection& connection);
   void leaveEventLoops();
 
@@ -96,6 +108,8 @@ class VantorListener {
   std::thread eventLoop_;
   std::thread serviceEventLoop_;
   std::atomic<bool> leaving_{false};
+  // The watch on connections leaving the bus.
+  sdbus::Slot departures_;
 
   std::mutex cacheMutex_;
   std::unordered_map<std::string, std::shared_ptr<const ClientConnection>> cache_;

@@ -4,6 +4,11 @@
 
 namespace vantor {
 
+void PurgeHistory::discard(const void* key) {
+  std::lock_guard lock(mutex_);
+  open_.erase(key);
+}
+
 void PurgeHistory::begin(const void* key, Value::Dictionary fields) {
   std::lock_guard lock(mutex_);
   open_.insert_or_assign(key, Open{std::move(fields), {}, {}, false});

@@ -37,6 +37,9 @@ class PurgeHistory {
   // as filed; an empty dictionary when `key` was not open.
   Value::Dictionary finish(const void* key, const Value::Dictionary& figures);
 
+  // Forgets an open purge without filing it (one that never ran).
+  void discard(const void* key);
+
   // The filed entries, newest first.
   Value::Array entries() const;
 

@@ -104,6 +104,49 @@ TEST(LowSpace, AVolumeBelowTheThresholdIsAnnouncedAndPurgedWithTheFixedRequest) 
   EXPECT_TRUE(ctx.waitForLog("/ is low on space: ", seconds(5)));
 }
 
+// With nobody to purge, a low volume raises no event: a purge would only
+// hold operation_queue through its levels. The first purging service to check
+// in is asked at once, not at the next poll.
+TEST(LowSpace, AVolumeLowAtStartWaitsForAPurgingServiceAndAsksItAtItsCheckIn) {
+  TestContext ctx;
+  LowSpaceSignals signals(ctx);
+  ASSERT_TRUE(ctx.startDaemonGranting(
+      {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT"},
+      {{"VANTOR_LOWDISK_BYTES", std::to_string(1ULL << 60)},
+       {"VANTOR_VERYLOWDISK_BYTES", "0"},
+       {"VANTOR_LOWSPACE_POLL_SECONDS", "60"}}));
+  ASSERT_TRUE(signals.waitFor("/", 1, milliseconds(10'000)));
+
+  // Queries answer meanwhile, and no purge has started.
+  auto client = ctx.connect();
+  const auto answer = callClient(*client, "ClientPurgeableSpace", {{"VANTOR_VOLUME", Value("/")}});
+  EXPECT_NE(answer.find("VANTOR_TOTAL_AVAILABLE"), answer.end());
+  EXPECT_EQ(ctx.logCount("event for /,"), 0u) << ctx.daemonLog();
+
+  // Far sooner than the next poll, a minute after the first.
+  auto service = ctx.startService({"--id", "com.example.cache", "--checkin", "--amount", "0"});
+  ASSERT_TRUE(service->waitForLine("purge ", seconds(20))) << ctx.daemonLog();
+  const auto asked = purgeRequests(*service).at(0);
+  EXPECT_EQ(asked.first, 1);
+  EXPECT_GT(asked.second, 262'144'000u - 64 * (1u << 20));
+}
+
+// An event's handling that waits on a silent service holds back the next
+// event of that volume, however short the repeat: no events pile up.
+TEST(LowSpace, AHandlerWaitingOnASilentServiceRunsOnceNotOncePerRepeat) {
+  TestContext ctx;
+  ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT"},
+                                      {{"VANTOR_LOWDISK_BYTES", std::to_string(1ULL << 60)},
+                                       {"VANTOR_VERYLOWDISK_BYTES", "0"},
+                                       {"VANTOR_LOWSPACE_POLL_SECONDS", "0.2"},
+                                       {"VANTOR_LOWSPACE_REPEAT_SECONDS", "1"}}));
+  auto service = ctx.startService({"--id", "com.example.silent", "--checkin", "--silent-purge"});
+  ASSERT_TRUE(service->waitForLine("purge ", seconds(20))) << ctx.daemonLog();
+  EXPECT_FALSE(waitUntil([&] { return ctx.logCount("event for /,") > 1; }, seconds(10)))
+      << ctx.daemonLog();
+  EXPECT_EQ(ctx.logCount("event for /,"), 1u);
+}
+
 // Free space moves around the threshold by allocating and removing a file
 // on the volume that holds the test's directory.
 TEST(LowSpace, CrossingBackAndForthFiresOnceUntilTheRepeat) {
@@ -124,11 +167,14 @@ TEST(LowSpace, CrossingBackAndForthFiresOnceUntilTheRepeat) {
   constexpr auto kRepeat = seconds(4);
   constexpr auto kPoll = milliseconds(100);
   LowSpaceSignals signals(ctx);
-  ASSERT_TRUE(ctx.startDaemon({{"VANTOR_LOWDISK_BYTES", std::to_string(threshold)},
-                               {"VANTOR_VERYLOWDISK_BYTES", "0"},
-                               {"VANTOR_LOWSPACE_POLL_SECONDS", "0.1"},
-                               {"VANTOR_LOWSPACE_REPEAT_SECONDS", "4"}}));
+  ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT"},
+                                      {{"VANTOR_LOWDISK_BYTES", std::to_string(threshold)},
+                                       {"VANTOR_VERYLOWDISK_BYTES", "0"},
+                                       {"VANTOR_LOWSPACE_POLL_SECONDS", "0.1"},
+                                       {"VANTOR_LOWSPACE_REPEAT_SECONDS", "4"}}));
   ASSERT_TRUE(ctx.waitForLog("watching ", seconds(5)));
+  // Somebody to purge, who frees nothing and answers at once.
+  auto service = checkedInService(ctx, "com.example.cache", {"--amount", "0"});
 
   // Above the line nothing happens.
   const std::string eventLine = "event for " + volume + ",";

@@ -235,5 +235,44 @@ TEST_F(Purge, SurvivesPurgesAndCancelsFromSeveralClientsAtOnce) {
   EXPECT_TRUE(purge(onRoot(kMiB, {{"VANTOR_URGENCY", Value(1)}})).count("VANTOR_AMOUNT"));
 }
 
+// Replies from many services come in on several threads at once. No change
+// to the shared counters is lost: once every reply is in, no request counts
+// as outstanding, and a later purge ends with its last reply, not its time.
+// The services answer after a short delay, so a level's requests are all out
+// before the first reply and its replies land together.
+TEST_F(Purge, ManyQuickRepliesLoseNoCountAndALaterPurgeEndsWithItsLastReply) {
+  start(kPurger);
+  auto quick =
+      ctx_.startCheckedInServices("com.example.quick", 100, {"--amount", "0", "--delay-ms", "300"});
+  ASSERT_EQ(quick.size(), 100u) << ctx_.daemonLog();
+  for (int i = 0; i < 50; ++i)
+    purge(onRoot(1ULL << 30, {{"VANTOR_URGENCY", Value(1)}, {"VANTOR_PURGE_TIMEOUT", Value(10)}}));
+  const auto outstanding = [&] {
+    return counters(*client_).at("purge_active_service_count").int64Value();
+  };
+  EXPECT_TRUE(waitUntil([&] { return outstanding() == 0; }, seconds(30))) << outstanding();
+
+  // Only a fresh service is left to ask once the daemon has forgotten the
+  // others.
+  quick.clear();
+  auto admin = sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor");
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        std::vector<sdbus::Struct<std::string, std::map<std::string, sdbus::Variant>>> services;
+        admin->callMethod("ListServices")
+            .onInterface("com.tessaly.vantor.Admin")
+            .storeResultsTo(services);
+        return services.empty();
+      },
+      seconds(30)));
+  auto last = checkedInService(ctx_, "com.example.last", {"--amount", "0"});
+  const auto started = std::chrono::steady_clock::now();
+  const auto result = purge(onRoot(1ULL << 30, {{"VANTOR_URGENCY", Value(1)},
+                                                {"VANTOR_ASYNC", Value(true)},
+                                                {"VANTOR_PURGE_TIMEOUT", Value(30)}}));
+  EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(30));
+  EXPECT_EQ(result.count("VANTOR_ASYNC_COMPLETE"), 1u) << Value(result).description();
+}
+
 }  // namespace
 }  // namespace vantor::test

@@ -55,6 +55,16 @@ Value::Dictionary callClient(sdbus::IConnection& client, const std::string& meth
   return fromVariantMap(answer);
 }
 
+Value::Dictionary counters(sdbus::IConnection& client) {
+  auto proxy = sdbus::createProxy(client, "com.tessaly.vantor", "/com/tessaly/vantor");
+  VariantMap answer;
+  proxy->callMethod("GetCounters")
+      .onInterface("com.tessaly.vantor.Admin")
+      .withTimeout(std::chrono::seconds(10))
+      .storeResultsTo(answer);
+  return fromVariantMap(answer);
+}
+
 std::string setState(sdbus::IConnection& client, const std::string& key, const Value& value) {
   return callForError(client, "ClientSetState",
                       [&](sdbus::MethodCall& call) { call << toOptionalVariant(value) << key; });

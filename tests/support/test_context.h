@@ -84,6 +84,9 @@ struct RawService {
 // dictionary; throws sdbus::Error.
 Value::Dictionary callClient(sdbus::IConnection& client, const std::string& method,
                              const Value::Dictionary& info);
+// The daemon's live counters (the Admin interface's GetCounters); throws
+// sdbus::Error.
+Value::Dictionary counters(sdbus::IConnection& client);
 // Sets `key` of the client state (a null value removes it): the D-Bus error
 // name, or "" on success.
 std::string setState(sdbus::IConnection& client, const std::string& key, const Value& value);

@@ -89,4 +89,17 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
 
 using QueuePtr = std::shared_ptr<SerialQueue>;
 
+// Holds a queue suspended for as long as it lives: the queue is resumed
+// however the scope is left, a throw included, so it is never left stopped.
+class ScopedSuspension {
+ public:
+  explicit ScopedSuspension(SerialQueue& queue) : queue_(queue) { queue_.suspend(); }
+  ~ScopedSuspension() { queue_.resume(); }
+  ScopedSuspension(const ScopedSuspension&) = delete;
+  ScopedSuspension& operator=(const ScopedSuspension&) = delete;
+
+ private:
+  SerialQueue& queue_;
+};
+
 }  // namespace vantor::dispatch

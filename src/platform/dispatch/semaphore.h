@@ -26,4 +26,17 @@ class Semaphore {
   long count_;
 };
 
+// Signals a semaphore when it goes out of scope, however the scope is left,
+// a throw included, so whoever waits for the work is never stranded.
+class SignalOnExit {
+ public:
+  explicit SignalOnExit(Semaphore& semaphore) : semaphore_(semaphore) {}
+  ~SignalOnExit() { semaphore_.signal(); }
+  SignalOnExit(const SignalOnExit&) = delete;
+  SignalOnExit& operator=(const SignalOnExit&) = delete;
+
+ private:
+  Semaphore& semaphore_;
+};
+
 }  // namespace vantor::dispatch

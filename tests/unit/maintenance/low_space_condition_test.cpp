@@ -1,0 +1,79 @@
+// When a volume raises a low-space event: hysteresis, the repeat counted from
+// the end of handling, one event at a time, and none while nobody can act.
+// The daily scheduler's runs go on past a run that throws.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+
+#include "maintenance/daily_scheduler.h"
+#include "maintenance/low_space_monitor.h"
+#include "platform/dispatch/semaphore.h"
+#include "support/test_context.h"
+
+namespace vantor::test {
+namespace {
+
+using std::chrono::seconds;
+
+TEST(VolumeCondition, RaisesOneEventAtATimeAndOnlyWhenSomebodyCanAct) {
+  const LowSpaceThresholds thresholds{1000, 200};
+  const auto repeat = seconds(10);
+  const VolumeCondition::Clock::time_point t0{};
+  VolumeCondition condition;
+  struct Sample {
+    int at;  // seconds after t0; a negative time marks handling ended at -at
+    std::uint64_t available;
+    bool canAct;
+    std::uint64_t event;
+    bool low, veryLow;
+  };
+  const Sample samples[] = {
+      {0, 5000, true, 0, false, false},
+      {1, 900, false, 0, true, false},   // low, but nobody could act: owed
+      {2, 900, true, 0x4, true, false},  // the owed event, as soon as one can
+      {3, 150, true, 0, true, true},     // very low, but one event is outstanding
+      {-4, 0, true, 0, true, true},      // handled at 4 s
+      {5, 150, true, 0, true, true},     // the repeat counts from 4 s
+      {14, 150, true, 0x204, true, true},
+      {-14, 0, true, 0, true, true},
+      {15, 1100, true, 0, true, false},  // above very low × 1.25, not above low × 1.25
+      {16, 1300, true, 0, false, false},
+      {17, 900, false, 0, true, false},   // entered with nobody to act...
+      {18, 1300, true, 0, false, false},  // ...and recovered first: nothing is owed
+      {19, 900, true, 0x4, true, false},
+  };
+  for (const auto& s : samples) {
+    SCOPED_TRACE(s.at);
+    if (s.at < 0) {
+      condition.handled(t0 + seconds(-s.at));
+      continue;
+    }
+    const auto step =
+        condition.sample(s.available, thresholds, t0 + seconds(s.at), repeat, s.canAct);
+    EXPECT_EQ(step.eventFlags, s.event);
+    EXPECT_EQ(condition.low(), s.low);
+    EXPECT_EQ(condition.veryLow(), s.veryLow);
+  }
+}
+
+TEST(DailyScheduler, ARunThatThrowsDoesNotStopTheNextRun) {
+  TempDir dir;
+  std::atomic<int> runs{0};
+  dispatch::Semaphore secondRun;
+  DailyScheduler scheduler(dir.path() / "daily-run", std::chrono::milliseconds(50),
+                           [&](ActivityState state) {
+                             if (state != ActivityState::kRun)
+                               return;
+                             const int run = ++runs;
+                             if (run == 2)
+                               secondRun.signal();
+                             if (run == 1)
+                               throw std::runtime_error("the first run fails");
+                           });
+  EXPECT_TRUE(secondRun.wait(dispatch::after(seconds(10))));
+}
+
+}  // namespace
+}  // namespace vantor::test
