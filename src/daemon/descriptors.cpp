@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <map>
 #include <system_error>
 #include <vector>
 
@@ -42,7 +43,62 @@ void readDescriptor(const std::string& full, const std::function<void(const Valu
              error.empty() ? nullptr : error.c_str());
 }
 
+// Whether the entry at `path` disables its name: an empty file, or a
+// symbolic link to /dev/null.
+bool masks(const std::filesystem::path& path) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::file_status link = fs::symlink_status(path, ec);
+  if (ec)
+    return false;
+  if (fs::is_symlink(link)) {
+    const fs::path target = fs::read_symlink(path, ec);
+    return !ec && target == "/dev/null";
+  }
+  return fs::is_regular_file(link) && fs::file_size(path, ec) == 0 && !ec;
+}
+
 }  // namespace
+
+std::vector<std::string> Vantor::serviceDirs() const {
+  std::string root = rootPath;
+  while (!root.empty() && root.back() == '/')
+    root.pop_back();
+  return {root + "/etc/vantor/services.d/", root + "/usr/lib/vantor/services.d/"};
+}
+
+void Vantor::scanServiceDirs() {
+  namespace fs = std::filesystem;
+  // Each name once, from the first directory that has it.
+  std::map<std::string, fs::path> chosen;
+  for (const auto& dir : serviceDirs()) {
+    std::error_code ec;
+    fs::directory_iterator it(dir, fs::directory_options::skip_permission_denied, ec);
+    for (; !ec && it != fs::directory_iterator(); it.increment(ec)) {
+      const std::string name = it->path().filename().string();
+      if (it->path().extension() == ".plist")
+        chosen.emplace(name, it->path());
+    }
+    if (ec && ec != std::errc::no_such_file_or_directory)
+      VANTOR_LOG(3, "%s cannot enumerate %@: %@", kScan, dir.c_str(), ec.message().c_str());
+  }
+  for (const auto& [name, path] : chosen) {
+    if (masks(path)) {
+      VANTOR_LOG(5, "%s %@ is disabled", kScan, path.c_str());
+      continue;
+    }
+    VANTOR_LOG(5, "%s looking at: %@", kScan, path.c_str());
+    readDescriptor(path.string(), [&](const Value& descriptor) {
+      const Value* id = descriptor.find("VANTOR_ID");
+      if (id != nullptr && id->isString() && services.count(*id->asString()) != 0) {
+        VANTOR_LOG(3, "%s %@ is already known; skipping %@", kScan, id->asString()->c_str(),
+                   path.c_str());
+        return;
+      }
+      addDescriptorService(descriptor);
+    });
+  }
+}
 
 void Vantor::scanPlistsAtPath(const std::string& path,
                               const std::function<void(const Value&)>& execBlock) {

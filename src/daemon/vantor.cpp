@@ -67,6 +67,7 @@ bool Vantor::init(const Options& options, std::string* listenError) {
   // daemons before any connection can arrive, so without their queues.
   scanPlistsAtPath(plistDir(),
                    [this](const Value& descriptor) { addDescriptorService(descriptor); });
+  scanServiceDirs();
   publishServices();
 
   reloadEntitlementPolicy();

@@ -162,5 +162,43 @@ TEST(DescriptorScan, ADirectoryThatCannotBeOpenedIsLoggedAndTheScanGoesOn) {
   EXPECT_TRUE(capture.contains("cannot enumerate"));
 }
 
+// The Linux homes beside the protocol's directory: /etc masks /usr/lib by
+// file name, an empty file or a link to /dev/null disables a name, and an ID
+// known already stays as it was first read.
+TEST(DescriptorHomes, EtcMasksUsrLibByNameAndAKnownIdIsSkipped) {
+  TempDir dir;
+  const auto write = [&](const std::string& path, const std::string& id, bool purge) {
+    std::filesystem::create_directories((dir.path() / path).parent_path());
+    Value::Dictionary d{{"VANTOR_ID", Value(id)}};
+    if (!purge)
+      d.emplace("VANTOR_SERVICES", Value(Value::Array{Value("PERIODIC")}));
+    const auto bytes = encodePlist(Value(d), PlistFormat::kXml);
+    std::ofstream(dir.path() / path) << std::string(bytes.begin(), bytes.end());
+  };
+  const std::string etc = "etc/vantor/services.d/", lib = "usr/lib/vantor/services.d/";
+  write("System/Library/Vantor/first.plist", "com.example.first", true);
+  write(lib + "a.plist", "com.example.shipped", true);
+  write(etc + "a.plist", "com.example.local", false);  // masks the shipped a.plist
+  write(lib + "b.plist", "com.example.emptied", true);
+  std::ofstream(dir.path() / (etc + "b.plist")).flush();  // empty: disables b
+  write(lib + "c.plist", "com.example.nulled", true);
+  std::filesystem::create_symlink("/dev/null", dir.path() / (etc + "c.plist"));
+  write(lib + "d.plist", "com.example.first", false);  // known: skipped
+  write(lib + "e.conf", "com.example.notplist", true);
+
+  setLogHandleForTesting(true, 3);
+  LogCapture capture;
+  Vantor::Options options;
+  options.root = dir.path().string();
+  options.stateDirectory = (dir.path() / "state").string();
+  options.listen = false;
+  auto v = Vantor::create(options);
+  setLogHandleForTesting(false, 0);
+  EXPECT_EQ(v->daemons, (Vantor::StringSet{"com.example.first", "com.example.local"}));
+  EXPECT_TRUE(v->services.at("com.example.first")->doesPurge());
+  EXPECT_FALSE(v->services.at("com.example.local")->doesPurge());
+  EXPECT_TRUE(capture.contains("com.example.first is already known"));
+}
+
 }  // namespace
 }  // namespace vantor::test
