@@ -301,6 +301,8 @@
                                   el("div", {}, el("dt", { text: "Low below" }), el("dd", {}, bytesSpan(volume.lowThreshold, "low-threshold"))),
                                   el("div", {}, el("dt", { text: "Very low below" }), el("dd", {}, bytesSpan(volume.veryLowThreshold, "very-low-threshold"))))));
         }
+        if (state.missing.has("PURGEABLE_ENTITLEMENT"))
+            fragment.prepend(missingNotice("PURGEABLE_ENTITLEMENT"));
         list.replaceChildren(fragment);
         fillVolumeSelect($("sources-volume"), state.chosenVolume);
         fillVolumeSelect($("reclaim-volume"), $("reclaim-volume").value || state.chosenVolume);
@@ -825,12 +827,36 @@
 
     // ---- start ---------------------------------------------------------------
 
+    // Administrative access turned on or off changes who vantord sees: the
+    // page starts again as the new caller.
+    function followSuperuser() {
+        let known = null;
+        try {
+            const superuser = cockpit.dbus(null, { bus: "internal" }).proxy("cockpit.Superuser", "/superuser");
+            superuser.addEventListener("changed", () => {
+                const current = superuser.Current;
+                if (current === undefined || current === "init")
+                    return;
+                if (known !== null && current !== known)
+                    window.location.reload();
+                known = current;
+            });
+        } catch (e) {
+            // A console without the superuser interface: nothing to follow.
+        }
+    }
+
     function connect() {
         state.client = cockpit.dbus(BUS_NAME, { bus: "system", superuser: "try" });
         state.client.subscribe({ interface: NOTIFY, path: PATH, member: "LowSpace" },
                                (path, iface, signal, args) => onLowSpace(String(args[0]), number(args[1]), number(args[2]), !!args[3]));
         state.client.subscribe({ interface: ADMIN, path: PATH, member: "PurgeFinished" },
                                (path, iface, signal, args) => onPurgeFinished(unwrap(args[0])));
+        // vantord started, or started again: read everything afresh.
+        state.client.addEventListener("owner", (event, owner) => {
+            if (owner && $("page").dataset.state === "problem")
+                load();
+        });
         state.client.addEventListener("close", (event, options) => {
             showAccessProblem(describeFailure({ problem: options && options.problem ? options.problem : "disconnected" }));
         });
@@ -911,6 +937,7 @@
         }
 
         connect();
+        followSuperuser();
         load();
         state.idleTimer = window.setInterval(idleRefresh, IDLE_REFRESH_MS);
     }

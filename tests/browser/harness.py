@@ -119,7 +119,7 @@ class Harness:
         if not self.bus:
             raise RuntimeError("the private bus printed no address:\n" + self.log("dbus-daemon"))
 
-    def write_policy(self, users):
+    def write_policy(self, users, entitlements=ALL_ENTITLEMENTS):
         policy = os.path.join(self.root, "etc/vantor/entitlements.d")
         os.makedirs(policy, exist_ok=True)
         os.makedirs(os.path.join(self.root, "System/Library/Vantor"), exist_ok=True)
@@ -127,7 +127,7 @@ class Harness:
             f.write('<?xml version="1.0" encoding="UTF-8"?>\n<plist version="1.0"><dict>'
                     f"<key>Users</key><array>{plist_strings(users)}</array>"
                     "<key>com.tessaly.private.Vantor</key>"
-                    f"<array>{plist_strings(ALL_ENTITLEMENTS)}</array></dict></plist>\n")
+                    f"<array>{plist_strings(entitlements)}</array></dict></plist>\n")
 
     def start_daemon(self, env=None, users=None):
         self.write_policy(users if users is not None else [str(os.getuid())])
@@ -142,6 +142,13 @@ class Harness:
                    "vantord to take its bus name")
         if daemon.poll() is not None:
             raise RuntimeError("vantord exited:\n" + self.log("vantord"))
+
+    def reload_policy(self, users, entitlements):
+        """Rewrites the policy and has the daemon read it again."""
+        self.write_policy(users, entitlements)
+        for name, process in self.processes:
+            if name == "vantord":
+                process.send_signal(signal.SIGHUP)
 
     def name_has_owner(self, name):
         out = subprocess.run(["dbus-send", f"--bus={self.bus}", "--print-reply=literal",

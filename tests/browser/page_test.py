@@ -176,7 +176,7 @@ def case_reclaim(h):
         with open(os.path.join(slow, f"{i:02}.bin"), "wb") as f:
             f.write(os.urandom(MiB))
     h.start_service("com.example.slow-cache", "--files", slow, "--purge-step-ms", "400")
-    reclaim(1, "GiB", "exact", 1)
+    reclaim(1, "GiB", "limit", 3)
     wait_css(h, '#reclaim-dialog[data-phase="running"]')
     harness.wait_until(lambda: h.service_lines("com.example.slow-cache", "purge ") >= 1, DEADLINE,
                        "the slow service to be asked")
@@ -191,6 +191,11 @@ def case_reclaim(h):
     h.screenshot("reclaim-cancelled")
     css(h, "#reclaim-close")[0].click()
     wait_css(h, "#history-body .history-row", count=2)
+
+    # A purge someone else asked for arrives by its signal.
+    h.vantorctl("purge", "--urgency", "1", "2M", "/")
+    rows = wait_css(h, "#history-body .history-row", count=3)
+    assert "vantorctl" in rows[0].text, rows[0].text
     h.full_screenshot("reclaim-history")
 
 
@@ -242,6 +247,19 @@ def case_access(h):
     assert "org.freedesktop" not in text and "AccessDenied" not in text, text
     assert not css(h, "#content")[0].is_displayed()
     h.screenshot("access")
+
+    # Allowed in, but not to see what could be reclaimed: each part names
+    # what it lacks.
+    h.reload_policy([str(os.getuid())], ["CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT"])
+    harness.wait_until(lambda: h.vantorctl_json("status")["source"] == "vantord", DEADLINE,
+                       "vantord to read the new policy")
+    h.start_service("com.example.browser-cache")
+    open_page(h)
+    for entitlement in ("PURGEABLE_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT"):
+        wait_css(h, f'.inline-notice[data-entitlement="{entitlement}"]')
+    text = h.driver.find_element("tag name", "body").text
+    assert "org.freedesktop" not in text, text
+    h.full_screenshot("access-partial")
 
 
 def case_load(h):
