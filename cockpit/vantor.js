@@ -135,6 +135,17 @@
         return node;
     }
 
+    // A dotted identifier that a narrow column breaks after its dots.
+    function breakable(id) {
+        const parts = [];
+        id.split(".").forEach((part, i) => {
+            if (i > 0)
+                parts.push(".", document.createElement("wbr"));
+            parts.push(part);
+        });
+        return parts;
+    }
+
     // A byte figure: human units, the exact amount on hover and for tests.
     function bytesSpan(bytes, extraClass) {
         return el("span", { class: "bytes" + (extraClass ? " " + extraClass : ""), title: exactBytes(bytes), "data-bytes": bytes },
@@ -511,7 +522,7 @@
                      el("span", { class: "muted", text: formatDate(dateOf(previous.entry.date)) }))
                 : el("span", { class: "muted", text: "—" });
             fragment.append(el("tr", { class: "service-row", "data-service": id },
-                               el("td", { class: "service-id", text: id }),
+                               el("td", { class: "service-id" }, ...breakable(id)),
                                el("td", { class: "col-kind" }, kind),
                                el("td", { class: "labels" }, ...does),
                                el("td", { class: "num", title: state.itemized ? `On ${state.itemized.volume} at urgency ${state.itemized.urgency}` : "" }, could),

@@ -236,7 +236,8 @@ class Harness:
         """A screenshot of the whole page, below the window's edge too."""
         import base64
         width, height = self.driver.execute_script(
-            "return [document.documentElement.scrollWidth, document.documentElement.scrollHeight]")
+            "return [Math.max(document.documentElement.scrollWidth, window.innerWidth),"
+            " document.documentElement.scrollHeight]")
         shot = self.driver.execute_cdp_cmd("Page.captureScreenshot", {
             "format": "png", "captureBeyondViewport": True,
             "clip": {"x": 0, "y": 0, "width": width, "height": height, "scale": 1}})
