@@ -802,7 +802,7 @@
         } else {
             outcomeBox.className = "alert alert-info shortfall";
             parts.push(` A shortfall of ${formatBytes(purge.bytes - freed)}: `,
-                       cancelled ? "cancelled before the amount was reached." : "the services had no more to give at these urgencies.");
+                       cancelled ? "cancelled before the amount was reached." : "less space came free than was asked at these urgencies.");
         }
         if (reply.VANTOR_ASYNC_COMPLETE !== true)
             parts.push(" Some services were still working when vantord answered.");
