@@ -90,9 +90,9 @@ void Vantor::scanServiceDirs() {
     VANTOR_LOG(5, "%s looking at: %@", kScan, path.c_str());
     readDescriptor(path.string(), [&](const Value& descriptor) {
       const Value* id = descriptor.find("VANTOR_ID");
-      if (id != nullptr && id->isString() && services.count(*id->asString()) != 0) {
-        VANTOR_LOG(3, "%s %@ is already known; skipping %@", kScan, id->asString()->c_str(),
-                   path.c_str());
+      const std::string* known = id != nullptr ? id->asString() : nullptr;
+      if (known != nullptr && services.count(*known) != 0) {
+        VANTOR_LOG(3, "%s %@ is already known; skipping %@", kScan, known->c_str(), path.c_str());
         return;
       }
       addDescriptorService(descriptor);
