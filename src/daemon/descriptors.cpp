@@ -82,7 +82,10 @@ void Vantor::scanServiceDirs() {
     if (ec && ec != std::errc::no_such_file_or_directory)
       VANTOR_LOG(3, "%s cannot enumerate %@: %@", kScan, dir.c_str(), ec.message().c_str());
   }
-  for (const auto& [name, path] : chosen) {
+  for (const auto& entry : chosen) {
+    // A plain reference, not a structured binding: lambdas cannot capture one
+    // in every compiler this builds with.
+    const fs::path& path = entry.second;
     if (masks(path)) {
       VANTOR_LOG(5, "%s %@ is disabled", kScan, path.c_str());
       continue;
