@@ -163,9 +163,11 @@ PurgeOutcome deleteOldest(const std::vector<Target>& targets, std::uint64_t amou
       std::string dir = index.policy.path + "/" + index.relativePath(file.dir);
       if (dir.back() != '/')
         dir += '/';
+      // Another file took its name while it was checked, as when an
+      // application replaces a file: both are kept.
       log(Priority::kWarning, "\"" + dir + index.name(file.name) +
-                                  "\" was replaced while it was checked; the file checked is kept "
-                                  "as \"" +
+                                  "\" could not be given its name back after its check; it is "
+                                  "kept as \"" +
                                   dir + keptAs + "\"");
     }
     switch (removal) {

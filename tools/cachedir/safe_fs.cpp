@@ -329,7 +329,12 @@ Removal removeFile(int dirfd, const char* name, const Expected& expected, std::u
   // then on nobody else has a reason to touch the aside name: what is checked
   // below is what goes.
   std::string aside = uniqueName(kAsidePrefix);
-  if (::renameat2(dirfd, name, dirfd, aside.c_str(), RENAME_NOREPLACE) != 0) {
+  int tries = 4;  // EEXIST: someone made that name first; take the next
+  while (::renameat2(dirfd, name, dirfd, aside.c_str(), RENAME_NOREPLACE) != 0) {
+    if (errno == EEXIST && --tries > 0) {
+      aside = uniqueName(kAsidePrefix);
+      continue;
+    }
     // EBUSY: a mount point. EINVAL: a file system that cannot rename without
     // replacing; its files stay.
     return errno == ENOENT ? Removal::kGone : errno == EBUSY ? Removal::kChanged : Removal::kFailed;
