@@ -616,7 +616,7 @@ TEST_F(CacheDir, CancelEndsAPurgeOfAHundredThousandFilesAtOnce) {
 
 TEST_F(CacheDir, SigtermDuringPurgesStopsCleanlyAndAnswersEveryCall) {
   configureCache({{"MinimumAge", Value(0)}});
-  constexpr std::size_t kDirs = 50, kPerDir = 400;
+  constexpr std::size_t kDirs = 50, kPerDir = 200;
   makeEmptyFiles(cache_, kDirs, kPerDir);
   ASSERT_TRUE(start());
   rescan();
