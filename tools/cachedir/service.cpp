@@ -348,7 +348,7 @@ void CacheDirService::purgeable(std::int32_t urgency, const Value& info, Diction
   dispatch::globalAsync([answered, reply] {
     std::this_thread::sleep_for(kFirstScanWait);
     if (!answered->exchange(true))
-      reply(amountReply(0));
+      runGuarded([&] { reply(amountReply(0)); }, "an answer");
   });
 }
 
