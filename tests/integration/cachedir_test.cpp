@@ -258,8 +258,12 @@ TEST_F(CacheDir, RefusesDangerousOrIllTypedEntriesAndFindsDirectoriesByTagsOfOne
 
   std::set<std::string> found;
   const Value::Dictionary scanned = rescan();
-  for (const Value& dir : *scanned.at("Directories").asArray())
-    found.insert(*dir.asString());
+  const Value::Array* dirs = scanned.at("Directories").asArray();
+  ASSERT_NE(dirs, nullptr);
+  for (const Value& dir : *dirs) {
+    if (const std::string* path = dir.asString())
+      found.insert(*path);
+  }
   const std::set<std::string> expected{cache_.string(), (home / "alice/.cache/thumbs").string(),
                                        (home / "bob").string() + "/caf\\xe9 \\\\ cache"};
   EXPECT_EQ(found, expected);
