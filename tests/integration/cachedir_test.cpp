@@ -4,12 +4,17 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <future>
+#include <mutex>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -50,6 +55,21 @@ Value dict(Value::Dictionary d) {
   return Value(std::move(d));
 }
 
+// Why mounts cannot be made for a test, or "" when they can: runs `probe`
+// as root in a private mount namespace.
+std::string cannotMount(const std::string& probe = "true") {
+  if (::geteuid() != 0)
+    return "needs root to mount";
+  const std::string command =
+      "unshare -m /bin/sh -c 'mount --make-rprivate / && " + probe + "' >/dev/null 2>&1";
+  return std::system(command.c_str()) == 0 ? "" : "cannot mount in a private namespace: " + probe;
+}
+
+void writeTag(const fs::path& dir) {
+  fs::create_directories(dir);
+  std::ofstream(dir / "CACHEDIR.TAG") << "Signature: 8a477f597d28d172789f06886806bc55\n";
+}
+
 class CacheDir : public ::testing::Test {
  protected:
   CacheDir()
@@ -85,14 +105,36 @@ class CacheDir : public ::testing::Test {
     return true;
   }
 
+  // Starts the service in a mount namespace of its own after running `setup`
+  // there, so that the mounts it makes are seen by the service alone.
+  bool startWithMounts(const std::string& setup) {
+    return start({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
+                  "mount --make-rprivate / && " + setup + " && exec \"$0\""});
+  }
+
+  // A second connection's proxy, for calls made while another one waits.
+  struct Caller {
+    std::unique_ptr<sdbus::IConnection> connection;
+    std::unique_ptr<sdbus::IProxy> proxy;
+  };
+  Caller caller() {
+    Caller c{ctx_.connect(), nullptr};
+    c.proxy = sdbus::createProxy(*c.connection, kName, "/com/tessaly/vantor/Service");
+    return c;
+  }
+
   fs::path logFile() const { return ctx_.root().parent_path() / "cachedir.log"; }
   std::string log() const { return readText(logFile()); }
 
   // Calls `method` of the service interface with `args`; answers its reply.
   template <typename Reply, typename... Args>
   Reply invoke(const std::string& method, const Args&... args) {
+    return invokeOn<Reply>(*proxy_, method, args...);
+  }
+  template <typename Reply, typename... Args>
+  static Reply invokeOn(sdbus::IProxy& proxy, const std::string& method, const Args&... args) {
     Reply result;
-    proxy_->callMethod(method)
+    proxy.callMethod(method)
         .onInterface("com.tessaly.vantor.Service")
         .withTimeout(kLongCallUs)
         .withArguments(args...)
@@ -107,9 +149,10 @@ class CacheDir : public ::testing::Test {
         .at("VANTOR_AMOUNT")
         .uint64Value();
   }
-  std::uint64_t purge(int urgency, std::uint64_t amount) {
+  std::uint64_t purge(int urgency, std::uint64_t amount, const fs::path& volume = {}) {
     return call("ServicePurge", urgency,
-                {{"VANTOR_VOLUME", Value(cache_.string())}, {"VANTOR_AMOUNT", Value(amount)}})
+                {{"VANTOR_VOLUME", Value((volume.empty() ? cache_ : volume).string())},
+                 {"VANTOR_AMOUNT", Value(amount)}})
         .at("VANTOR_AMOUNT")
         .uint64Value();
   }
@@ -179,31 +222,156 @@ TEST_F(CacheDir, OffersAndPurgesOnlyOldMatchingSingleLinkFilesOldestFirstNeverFo
   EXPECT_TRUE(fs::is_directory(cache_));
 }
 
-TEST_F(CacheDir, RefusesDangerousPathsAndFindsTaggedDirectoriesByTheirSignature) {
+TEST_F(CacheDir, RefusesDangerousOrIllTypedEntriesAndFindsDirectoriesByTagsOfOneLink) {
   const fs::path home = ctx_.root().parent_path() / "home";
-  makeFile(home / "alice/.cache/thumbs/CACHEDIR.TAG", 0, 90 * kDay);
-  std::ofstream(home / "alice/.cache/thumbs/CACHEDIR.TAG")
-      << "Signature: 8a477f597d28d172789f06886806bc55\n# a cache\n";
+  writeTag(home / "alice/.cache/thumbs");
   makeFile(home / "alice/.cache/thumbs/a.png", 4096, 90 * kDay);
   makeFile(home / "alice/notes/CACHEDIR.TAG", 0, 90 * kDay);
   std::ofstream(home / "alice/notes/CACHEDIR.TAG") << "Signature: 0000\n";
   makeFile(home / "alice/notes/keep.txt", 4096, 90 * kDay);
+  // Bob's tag over a directory of root's: his files go, and his directories.
+  constexpr uid_t kBob = 4242;
+  const fs::path odd = home / "bob/caf\xe9 \\ cache";  // not UTF-8
+  writeTag(odd);
+  makeFile(odd / "his/old", 4096, 90 * kDay);
+  makeFile(odd / "roots/old", 4096, 90 * kDay);
+  for (const fs::path& p :
+       {odd, odd / "CACHEDIR.TAG", odd / "his", odd / "his/old", odd / "roots/old"})
+    ASSERT_EQ(::chown(p.c_str(), kBob, kBob), 0) << p;
+  // Root's tag linked in from elsewhere is no tag.
+  writeTag(outside_);
+  fs::create_directories(home / "mallory/evil");
+  fs::create_hard_link(outside_ / "CACHEDIR.TAG", home / "mallory/evil/CACHEDIR.TAG");
+  makeFile(home / "mallory/evil/roots", 4096, 90 * kDay);
+  // Values of the wrong type void their whole entry.
+  const fs::path typed = ctx_.root().parent_path() / "typed";
+  for (const char* dir : {"bool", "real", "tagnum", "tagrel"})
+    makeFile(typed / dir / "old", 4096, 90 * kDay);
   configure({dict({{"Path", Value("/")}}), dict({{"Path", Value("/usr")}}),
              dict({{"Path", Value("var/cache")}}), dict({{"Path", Value(cache_.string())}}),
-             dict({{"TaggedBelow", Value(home.string())}})});
+             dict({{"TaggedBelow", Value(home.string())}}),
+             dict({{"Path", Value((typed / "bool").string())}, {"MaximumSize", Value(true)}}),
+             dict({{"Path", Value((typed / "real").string())}, {"MinimumAge", Value(1.5)}}),
+             dict({{"Path", Value((typed / "tagnum").string())}, {"TaggedBelow", Value(5)}}),
+             dict({{"Path", Value((typed / "tagrel").string())}, {"TaggedBelow", Value("home")}})});
   ASSERT_TRUE(start());
 
-  const Value::Dictionary found = rescan();
-  const Value::Array expected{Value(cache_.string()),
-                              Value((home / "alice/.cache/thumbs").string())};
-  EXPECT_EQ(found.at("Directories"), Value(expected));
-  for (const char* refused : {"refusing \"/\"", "refusing \"/usr\"", "refusing \"var/cache\""})
+  std::set<std::string> found;
+  const Value::Dictionary scanned = rescan();
+  const Value::Array* dirs = scanned.at("Directories").asArray();
+  ASSERT_NE(dirs, nullptr);
+  for (const Value& dir : *dirs) {
+    if (const std::string* path = dir.asString())
+      found.insert(*path);
+  }
+  const std::set<std::string> expected{cache_.string(), (home / "alice/.cache/thumbs").string(),
+                                       (home / "bob").string() + "/caf\\xe9 \\\\ cache"};
+  EXPECT_EQ(found, expected);
+  for (const char* refused :
+       {"refusing \"/\"", "refusing \"/usr\"", "refusing \"var/cache\"",
+        "\"MaximumSize\" is not a number of bytes", "\"MinimumAge\" is not a number of seconds",
+        "\"TaggedBelow\" is not an absolute path"})
     EXPECT_NE(log().find(refused), std::string::npos) << refused;
 
   EXPECT_GT(purge(4, 1ULL << 40), 0u);
-  EXPECT_FALSE(fs::exists(home / "alice/.cache/thumbs/a.png"));
-  EXPECT_TRUE(fs::exists(home / "alice/.cache/thumbs/CACHEDIR.TAG"));
-  EXPECT_TRUE(fs::exists(home / "alice/notes/keep.txt"));
+  for (const fs::path& gone : {home / "alice/.cache/thumbs/a.png", odd / "his", odd / "roots/old"})
+    EXPECT_FALSE(fs::exists(gone)) << gone;
+  for (const fs::path& kept :
+       {home / "alice/.cache/thumbs/CACHEDIR.TAG", home / "alice/notes/keep.txt", odd / "roots",
+        home / "mallory/evil/roots", typed / "bool/old", typed / "real/old"})
+    EXPECT_TRUE(fs::exists(kept)) << kept;
+}
+
+TEST_F(CacheDir, EachFileFollowsItsInnermostDirectoryAndNoConfiguredDirectoryGoes) {
+  configure({dict({{"Path", Value(cache_.string())}, {"MinimumAge", Value(0)}}),
+             dict({{"Path", Value((cache_ / "inner").string())},
+                   {"Patterns", Value(Value::Array{Value("*.tmp")})}}),
+             dict({{"Path", Value((cache_ / "inner/deeper").string())}})});
+  for (const char* file : {"outer.dat", "inner/x.tmp", "inner/keep.dat", "inner/deeper/f.dat"})
+    makeFile(cache_ / file, 4096, kDay);
+  ASSERT_TRUE(start());
+
+  EXPECT_EQ(purge(4, 1ULL << 40), 3 * allocated(cache_ / "outer.dat"));
+  for (const char* gone : {"outer.dat", "inner/x.tmp", "inner/deeper/f.dat"})
+    EXPECT_FALSE(fs::exists(cache_ / gone)) << gone;
+  EXPECT_TRUE(fs::exists(cache_ / "inner/keep.dat"));
+  EXPECT_TRUE(fs::is_directory(cache_ / "inner/deeper"));
+}
+
+// Exchanges young and locked files into old files' names, and replaces old
+// files the way applications do (rename over), while the service purges.
+TEST_F(CacheDir, DeletesNoProtectedFileSwappedOrRenamedIntoAnOldFilesName) {
+  configureCache();  // MinimumAge 3600
+  constexpr int kPairs = 32, kReplaced = 64;
+  const auto at = [this](const char* kind, int i) {
+    return (cache_ / (kind + std::to_string(i))).string();
+  };
+  // Old files appear at a name only whole: made aside, then renamed in.
+  const auto refill = [&](const char* kind, int count) {
+    for (int i = 0; i < count; ++i) {
+      if (fs::exists(at(kind, i)))
+        continue;
+      makeFile(cache_ / ".fill", 10, 90 * kDay);
+      ::renameat2(AT_FDCWD, (cache_ / ".fill").c_str(), AT_FDCWD, at(kind, i).c_str(),
+                  RENAME_NOREPLACE);
+    }
+  };
+  std::mutex mutex;
+  std::vector<int> held;  // protected files, open
+  const auto hold = [&](const std::string& path, bool lock) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0) << path;
+    if (lock) {
+      ASSERT_EQ(::flock(fd, LOCK_SH), 0);
+    }
+    std::lock_guard guard(mutex);
+    held.push_back(fd);
+  };
+  for (int i = 0; i < kPairs; ++i) {
+    makeFile(at("p", i), 10, i % 2 == 0 ? 60 : 90 * kDay);
+    hold(at("p", i), i % 2 != 0);
+  }
+  refill("q", kPairs);
+  refill("r", kReplaced);
+  ASSERT_TRUE(start());
+
+  std::atomic<bool> stop{false};
+  std::atomic<int> swaps{0};
+  std::thread racer([&] {
+    for (int n = 0, replaced = 0; !stop; ++n) {
+      const int i = n % kPairs;
+      if (::renameat2(AT_FDCWD, at("p", i).c_str(), AT_FDCWD, at("q", i).c_str(),
+                      RENAME_EXCHANGE) == 0)
+        ++swaps;
+      if (n % 256 == 0 && replaced < kReplaced) {
+        const fs::path fresh = cache_ / ".fresh";
+        makeFile(fresh, 10, 0);
+        hold(fresh.string(), false);
+        ::rename(fresh.c_str(), at("r", replaced++).c_str());
+      }
+    }
+  });
+  std::uint64_t freed = 0;
+  int rounds = 0;
+  for (const auto end = std::chrono::steady_clock::now() + seconds(3);
+       std::chrono::steady_clock::now() < end; ++rounds) {
+    refill("p", kPairs);
+    refill("q", kPairs);
+    refill("r", kReplaced);
+    rescan();
+    freed += purge(4, 1ULL << 40);
+  }
+  stop = true;
+  racer.join();
+  EXPECT_GT(freed, 0u);
+  EXPECT_GT(swaps, rounds);
+  std::lock_guard guard(mutex);
+  for (const int fd : held) {
+    struct stat st;
+    ASSERT_EQ(::fstat(fd, &st), 0);
+    EXPECT_EQ(st.st_nlink, 1u) << "a protected file was deleted in " << rounds << " rounds";
+    ::close(fd);
+  }
 }
 
 // Swaps cache/a for a symbolic link to the outside directory and back, as
@@ -301,22 +469,82 @@ TEST_P(CacheDirResolving, DeletesNothingOutsideWhileADirectoryIsSwappedForASymli
   EXPECT_EQ(purge(4, 1ULL << 40), kFiles * allocated(outside_ / "f0"));
 }
 
-TEST_P(CacheDirResolving, DoesNotCrossABindMount) {
-  if (::geteuid() != 0 || std::system("unshare -m true 2>/dev/null") != 0)
-    GTEST_SKIP() << "needs root and mount namespaces (unshare -m) to bind-mount a directory";
-  configureCache({{"MinimumAge", Value(0)}});
-  makeFile(outside_ / "precious", 4096, 90 * kDay);
-  makeFile(cache_ / "own", 4096, 90 * kDay);
+// Mounted inside the cache: a directory and a file of the same file system,
+// and a directory inside a ramfs cache, where (without openat2) mounts cannot
+// be told apart and so are never entered.
+TEST_P(CacheDirResolving, NeitherCountsNorEntersNorOpensWhatIsMountedInside) {
+  const fs::path ram = ctx_.root().parent_path() / "ram", seed = ram.string() + ".seed";
+  fs::create_directories(ram);
+  if (auto why = cannotMount("mount -t ramfs ramfs " + ram.string()); !why.empty())
+    GTEST_SKIP() << why;
+  configure({dict({{"Path", Value(cache_.string())}, {"MinimumAge", Value(0)}}),
+             dict({{"Path", Value(ram.string())}, {"MinimumAge", Value(0)}})});
+  for (const fs::path& file : {outside_ / "dir/precious", outside_ / "file", cache_ / "own",
+                               cache_ / "sub/own", cache_ / "victim", seed / "own"})
+    makeFile(file, 4096, 90 * kDay);
   fs::create_directories(cache_ / "mnt");
-  // The mount lives only in the service's own mount namespace.
-  ASSERT_TRUE(start({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
-                     "mount --make-rprivate / && mount --bind \"$0\" \"$1\" && exec \"$2\"",
-                     outside_.string(), (cache_ / "mnt").string()}));
+  fs::create_directories(seed / "mnt");
+  const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(::inotify_add_watch(watch, (outside_ / "file").c_str(), IN_ALL_EVENTS), 0);
+  const auto quoted = [](const fs::path& p) { return "'" + p.string() + "'"; };
+  ASSERT_TRUE(startWithMounts(
+      "mount --bind " + quoted(outside_ / "dir") + " " + quoted(cache_ / "mnt") +
+      " && mount --bind " + quoted(outside_ / "file") + " " + quoted(cache_ / "victim") +
+      " && mount -t ramfs ramfs " + quoted(ram) + " && cp -a " + quoted(seed) + "/. " +
+      quoted(ram) + " && mount --bind " + quoted(outside_ / "dir") + " " + quoted(ram / "mnt")));
+  char events[4096];
+  while (::read(watch, events, sizeof events) > 0) {
+  }
 
-  EXPECT_EQ(purge(4, 1ULL << 40), allocated(cache_ / "own"));
-  EXPECT_TRUE(fs::exists(outside_ / "precious"));
-  EXPECT_FALSE(fs::exists(cache_ / "own"));
+  EXPECT_EQ(rescan().at("Files").uint64Value(), 3u);  // cache/own, cache/sub/own, ram/own
+  EXPECT_EQ(purge(4, 1ULL << 40), 2 * allocated(outside_ / "file"));
+  purge(4, 1ULL << 40, ram);
+  EXPECT_EQ(rescan().at("Files").uint64Value(), 0u);
+  EXPECT_TRUE(fs::exists(outside_ / "dir/precious"));
+  EXPECT_TRUE(fs::exists(outside_ / "file"));
+  EXPECT_LT(::read(watch, events, sizeof events), 0)
+      << "the file mounted over a cache file was used";
+  ::close(watch);
   EXPECT_EQ(log().find("without openat2") != std::string::npos, !GetParam());
+  EXPECT_EQ(log().find("cannot tell mounts apart") != std::string::npos, !GetParam());
+}
+
+// The tagged directory's parent is exchanged for one where a mount of the
+// outside directory, tag and all, stands at the same path.
+TEST_P(CacheDirResolving, EntersNoMountSwappedInForATaggedDirectory) {
+  if (auto why = cannotMount(); !why.empty())
+    GTEST_SKIP() << why;
+  const fs::path home = ctx_.root().parent_path() / "home";
+  writeTag(home / "alice/cache");
+  fs::create_directories(home / "alice2/cache");
+  writeTag(outside_);
+  constexpr int kFiles = 50;
+  for (int i = 0; i < kFiles; ++i)
+    makeFile(outside_ / ("f" + std::to_string(i)), 10, 90 * kDay);
+  configure({dict({{"TaggedBelow", Value(home.string())}})});
+  ASSERT_TRUE(startWithMounts("mount --bind '" + outside_.string() + "' '" +
+                              (home / "alice2/cache").string() + "'"));
+
+  std::atomic<bool> stop{false};
+  std::atomic<int> swaps{0};
+  std::thread swapper([&] {
+    while (!stop) {
+      if (::renameat2(AT_FDCWD, (home / "alice").c_str(), AT_FDCWD, (home / "alice2").c_str(),
+                      RENAME_EXCHANGE) == 0)
+        ++swaps;
+    }
+  });
+  int rounds = 0;
+  for (const auto end = std::chrono::steady_clock::now() + seconds(3);
+       std::chrono::steady_clock::now() < end; ++rounds) {
+    rescan();
+    purge(4, 1ULL << 40);
+  }
+  stop = true;
+  swapper.join();
+  EXPECT_GT(swaps, rounds);
+  for (int i = 0; i < kFiles; ++i)
+    ASSERT_TRUE(fs::exists(outside_ / ("f" + std::to_string(i)))) << i << " after " << rounds;
 }
 
 TEST_F(CacheDir, TrimsToMaximumAgeAndMaximumSizeInTheDailyRun) {
@@ -341,49 +569,83 @@ TEST_F(CacheDir, TrimsToMaximumAgeAndMaximumSizeInTheDailyRun) {
     EXPECT_TRUE(fs::exists(cache_ / kept)) << kept;
 }
 
+// `dirs` directories of `perDir` empty files, last used an hour ago. Empty
+// files free nothing, so a purge goes through every one.
+void makeEmptyFiles(const fs::path& cache, std::size_t dirs, std::size_t perDir) {
+  for (std::size_t d = 0; d < dirs; ++d) {
+    fs::create_directories(cache / std::to_string(d));
+    for (std::size_t f = 0; f < perDir; ++f)
+      ::close(::open((cache / std::to_string(d) / std::to_string(f)).c_str(),
+                     O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  }
+  ASSERT_EQ(
+      std::system(("find " + cache.string() + " -type f -exec touch -d '-1 hour' {} +").c_str()),
+      0);
+}
+
+// The modification times of those directories: they move as soon as a purge
+// removes a first entry.
+std::vector<std::int64_t> changeTimes(const fs::path& cache, std::size_t dirs) {
+  std::vector<std::int64_t> times;
+  for (std::size_t d = 0; d < dirs; ++d) {
+    struct stat st;
+    ::stat((cache / std::to_string(d)).c_str(), &st);
+    times.push_back(std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec);
+  }
+  return times;
+}
+
 // (How soon a cancel ends a purge of 100,000 files: the cache-directory
 // benchmark.)
 TEST_F(CacheDir, CancelEndsAPurgeOfAHundredThousandFilesAtOnce) {
   configureCache({{"MinimumAge", Value(0)}});
   constexpr std::size_t kDirs = 100, kPerDir = 1000;
-  for (std::size_t d = 0; d < kDirs; ++d) {
-    fs::create_directories(cache_ / std::to_string(d));
-    for (std::size_t f = 0; f < kPerDir; ++f)
-      ::close(::open((cache_ / std::to_string(d) / std::to_string(f)).c_str(),
-                     O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-  }
-  // Last use an hour ago for all, so only the purge's own order counts.
-  ASSERT_EQ(
-      std::system(("find " + cache_.string() + " -type f -exec touch -d '-1 hour' {} +").c_str()),
-      0);
+  makeEmptyFiles(cache_, kDirs, kPerDir);
   ASSERT_TRUE(start());
   ASSERT_EQ(rescan().at("Files").uint64Value(), kDirs * kPerDir);
 
-  // Empty files free nothing, so the purge would go through every one.
-  // Directory times move as soon as the purge removes a first entry.
-  const auto changeTimes = [this] {
-    std::vector<std::int64_t> times;
-    for (std::size_t d = 0; d < kDirs; ++d) {
-      struct stat st;
-      ::stat((cache_ / std::to_string(d)).c_str(), &st);
-      times.push_back(std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec);
-    }
-    return times;
-  };
-  const auto before = changeTimes();
+  const auto before = changeTimes(cache_, kDirs);
   auto purging = std::async(std::launch::async, [this] { return purge(4, 1); });
-  ASSERT_TRUE(waitUntil([&] { return changeTimes() != before; }, seconds(30)))
+  ASSERT_TRUE(waitUntil([&] { return changeTimes(cache_, kDirs) != before; }, seconds(30)))
       << "the purge did not start";
-  auto other = ctx_.connect();
-  sdbus::createProxy(*other, kName, "/com/tessaly/vantor/Service")
-      ->callMethod("ServiceCancelPurge")
-      .onInterface("com.tessaly.vantor.Service");
+  auto other = caller();
+  other.proxy->callMethod("ServiceCancelPurge").onInterface("com.tessaly.vantor.Service");
   ASSERT_EQ(purging.wait_for(seconds(2)), std::future_status::ready);
   EXPECT_EQ(purging.get(), 0u);
   std::size_t left = 0;
   for (const auto& entry : fs::recursive_directory_iterator(cache_))
     left += entry.is_regular_file() ? 1 : 0;
   EXPECT_GT(left, kDirs * kPerDir / 2);
+}
+
+TEST_F(CacheDir, SigtermDuringPurgesStopsCleanlyAndAnswersEveryCall) {
+  configureCache({{"MinimumAge", Value(0)}});
+  constexpr std::size_t kDirs = 50, kPerDir = 200;
+  makeEmptyFiles(cache_, kDirs, kPerDir);
+  ASSERT_TRUE(start());
+  rescan();
+
+  const auto before = changeTimes(cache_, kDirs);
+  // One purge under way, two queued behind it, and a rescan waiting.
+  std::vector<std::future<VariantMap>> calls;
+  for (int i = 0; i < 4; ++i) {
+    calls.push_back(std::async(std::launch::async, [this, i] {
+      auto c = caller();
+      if (i == 3)
+        return invokeOn<VariantMap>(*c.proxy, "ServiceCallback",
+                                    toVariantMap({{"Rescan", Value(true)}}));
+      return invokeOn<VariantMap>(*c.proxy, "ServicePurge", 4,
+                                  toVariantMap({{"VANTOR_AMOUNT", Value(1)}}));
+    }));
+  }
+  ASSERT_TRUE(waitUntil([&] { return changeTimes(cache_, kDirs) != before; }, seconds(30)))
+      << "the purge did not start";
+  service_->signal(SIGTERM);
+  const auto status = service_->waitExit(seconds(30));
+  ASSERT_TRUE(status.has_value()) << "still running";
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "wait status " << *status;
+  for (auto& call : calls)
+    EXPECT_NO_THROW(call.get());
 }
 
 TEST_F(CacheDir, FreesRealBytesThroughTheDaemon) {

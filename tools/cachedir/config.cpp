@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <system_error>
 
 #include "log.h"
@@ -16,17 +17,30 @@ namespace {
 
 constexpr std::size_t kMaxConfigBytes = 1 << 20;
 
-std::optional<std::int64_t> seconds(const Value& entry, std::string_view key,
-                                    const std::string& where, bool* bad) {
+// The value of `key` when it is an integer of at least 0: a boolean or a
+// real is not one, however it would convert.
+std::optional<std::uint64_t> count(const Value& entry, std::string_view key, const char* unit,
+                                   const std::string& where, bool* bad) {
   const Value* v = entry.find(key);
   if (v == nullptr)
     return std::nullopt;
-  if (!v->isNumber() || v->int64Value() < 0) {
-    log(Priority::kWarning, where + ": \"" + std::string(key) + "\" is not a number of seconds");
+  const bool integer = v->type() == Value::Type::kUnsigned ||
+                       (v->type() == Value::Type::kInteger && v->int64Value() >= 0);
+  if (!integer) {
+    log(Priority::kWarning, where + ": \"" + std::string(key) + "\" is not a number of " + unit);
     *bad = true;
     return std::nullopt;
   }
-  return v->int64Value();
+  return v->uint64Value();
+}
+
+std::optional<std::int64_t> seconds(const Value& entry, std::string_view key,
+                                    const std::string& where, bool* bad) {
+  const auto value = count(entry, key, "seconds", where, bad);
+  if (!value)
+    return std::nullopt;
+  return static_cast<std::int64_t>(
+      std::min<std::uint64_t>(*value, std::numeric_limits<std::int64_t>::max()));
 }
 
 // `path` without repeated or trailing slashes.
@@ -42,19 +56,26 @@ void addEntry(const Value& entry, const std::string& where, Config* config) {
     log(Priority::kWarning, where + ": not a dictionary, skipped");
     return;
   }
-  if (const Value* below = entry.find("TaggedBelow")) {
-    const std::string* path = below->asString();
-    if (path == nullptr || path->empty() || path->front() != '/')
-      log(Priority::kWarning, where + ": \"TaggedBelow\" is not an absolute path, skipped");
-    else
-      config->taggedBelow.push_back(normalPath(*path));
+  std::optional<std::string> below;
+  if (const Value* belowValue = entry.find("TaggedBelow")) {
+    const std::string* path = belowValue->asString();
+    if (path == nullptr || path->empty() || path->front() != '/') {
+      log(Priority::kError, where + ": \"TaggedBelow\" is not an absolute path, entry skipped");
+      return;
+    }
+    below = normalPath(*path);
   }
   const Value* pathValue = entry.find("Path");
-  if (pathValue == nullptr)
+  if (pathValue == nullptr) {
+    if (below)
+      config->taggedBelow.push_back(*below);
+    else
+      log(Priority::kWarning, where + ": neither \"Path\" nor \"TaggedBelow\", skipped");
     return;
+  }
   const std::string* path = pathValue->asString();
   if (path == nullptr) {
-    log(Priority::kWarning, where + ": \"Path\" is not a string, skipped");
+    log(Priority::kError, where + ": \"Path\" is not a string, entry skipped");
     return;
   }
   if (auto reason = refusalReason(*path)) {
@@ -66,23 +87,17 @@ void addEntry(const Value& entry, const std::string& where, Config* config) {
   bool bad = false;
   policy.minimumAge = seconds(entry, "MinimumAge", where, &bad).value_or(kDefaultMinimumAge);
   policy.maximumAge = seconds(entry, "MaximumAge", where, &bad);
-  if (const Value* size = entry.find("MaximumSize")) {
-    if (size->isNumber() && size->int64Value() >= 0)
-      policy.maximumSize = size->uint64Value();
-    else {
-      log(Priority::kWarning, where + ": \"MaximumSize\" is not a number of bytes");
-      bad = true;
-    }
-  }
+  policy.maximumSize = count(entry, "MaximumSize", "bytes", where, &bad);
   if (const Value* patterns = entry.find("Patterns")) {
     const Value::Array* list = patterns->asArray();
+    bool globs = list != nullptr && !list->empty();
     for (const Value& p : list ? *list : Value::Array{}) {
       if (const std::string* s = p.asString(); s != nullptr && !s->empty())
         policy.patterns.push_back(*s);
       else
-        bad = true;
+        globs = false;
     }
-    if (list == nullptr || policy.patterns.empty()) {
+    if (!globs) {
       log(Priority::kWarning, where + ": \"Patterns\" is not an array of globs");
       bad = true;
     }
@@ -92,6 +107,8 @@ void addEntry(const Value& entry, const std::string& where, Config* config) {
     log(Priority::kError, where + ": \"" + policy.path + "\" skipped");
     return;
   }
+  if (below)
+    config->taggedBelow.push_back(*below);
   config->directories.push_back(std::move(policy));
 }
 

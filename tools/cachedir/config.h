@@ -8,10 +8,13 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "safe_fs.h"
 
 namespace vantor::cachedir {
 
@@ -27,6 +30,12 @@ struct DirPolicy {
   // so a user cannot have other users' files deleted by tagging a shared
   // directory.
   std::optional<uid_t> owner;
+  // Also set for a tagged directory: the tree it was found in, held open, and
+  // the directory's path and inode below it. It is reopened from there, so
+  // that nothing a user swaps in between is entered.
+  std::shared_ptr<const Fd> below;
+  std::string relative;
+  ino_t ino = 0;
 
   bool matches(const char* name) const;
 };
@@ -37,9 +46,9 @@ struct Config {
 };
 
 // Reads every *.plist file of `dir` in name order. Each holds a dictionary,
-// or an array of dictionaries, with "Path" or "TaggedBelow". Entries that
-// cannot be used are logged and skipped; a missing directory is an empty
-// configuration.
+// or an array of dictionaries, with "Path" or "TaggedBelow". An entry with a
+// value of another type than its key's is logged and skipped whole; a
+// missing directory is an empty configuration.
 Config loadConfig(const std::filesystem::path& dir);
 
 // Why `path` may not be a cache directory, or nullopt when it may: it must

@@ -70,8 +70,10 @@ bool hasValidTag(int dirfd, uid_t* owner) {
   Fd fd(::openat(dirfd, kTagName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd.valid())
     return false;
+  // A tag with another link may be someone else's, linked in to have their
+  // files count as this directory's.
   struct stat st;
-  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1)
     return false;
   char buffer[sizeof kTagSignature - 1];
   std::size_t got = 0;
@@ -143,17 +145,36 @@ void RootIndex::sortAndSum() {
     names.shrink_to_fit();
 }
 
-std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, const std::atomic<bool>& stop,
+Fd Scanner::openRoot(const DirPolicy& policy) {
+  Fd root;
+  struct stat st;
+  if (!policy.below) {
+    root = openRootDirectory(policy.path);
+  } else if (::fstat(policy.below->get(), &st) == 0) {
+    root = openDirectoryBelow(policy.below->get(), policy.relative.c_str(), st.st_dev);
+    const dev_t dev = st.st_dev;
+    if (root.valid() &&
+        (::fstat(root.get(), &st) != 0 || st.st_dev != dev || st.st_ino != policy.ino)) {
+      root = Fd();
+      errno = ESTALE;
+    }
+  }
+  if (!root.valid())
+    log(Priority::kWarning, "cannot open \"" + policy.path + "\": " + std::strerror(errno));
+  return root;
+}
+
+std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, Fd root,
+                                         const std::atomic<bool>& stop, const Nested& nested,
                                          const RootIndex* previous) {
   auto index = std::make_shared<RootIndex>();
   index->policy = policy;
-  index->root = openRootDirectory(policy.path);
+  index->root = std::move(root);
   struct stat st;
-  if (!index->root.valid() || ::fstat(index->root.get(), &st) != 0) {
-    log(Priority::kWarning, "cannot open \"" + policy.path + "\": " + std::strerror(errno));
+  if (!index->root.valid() || ::fstat(index->root.get(), &st) != 0)
     return nullptr;
-  }
   index->dev = st.st_dev;
+  index->mount = mountOf(index->root.get());
   index->names.push_back('\0');  // offset 0: the root's empty name
   index->dirs.push_back({0, 0, st.st_ino});
   if (previous != nullptr) {
@@ -183,13 +204,15 @@ std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, const std::ato
       continue;
     }
     const char* name = entry->d_name;
-    if (isDotOrDotDot(name))
+    const AsideKind aside = asideKind(name);
+    // A file of ours under an aside name is being removed this moment.
+    if (isDotOrDotDot(name) || aside == AsideKind::kOurs)
       continue;
     const int dirfd = ::dirfd(frame.dir);
     unsigned char type = entry->d_type;
     bool statted = false;
     if (type == DT_UNKNOWN) {
-      if (::fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+      if (!statOnMount(dirfd, name, index->mount, entry->d_ino, &st))
         continue;
       statted = true;
       type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
@@ -203,8 +226,15 @@ std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, const std::ato
       // Mount points (EXDEV) and names turned into symbolic links (ELOOP,
       // ENOTDIR) are simply not entered.
       Fd sub = openDirectoryBelow(dirfd, name, index->dev);
-      if (!sub.valid() || ::fstat(sub.get(), &st) != 0)
+      if (!sub.valid() || ::fstat(sub.get(), &st) != 0 ||
+          nested.roots.count({st.st_dev, st.st_ino}) != 0)
         continue;
+      if (!nested.paths.empty()) {
+        std::string relative = index->relativePath(frame.index);
+        relative += relative.empty() ? "" : "/";
+        if (nested.paths.count(relative + name) != 0)
+          continue;
+      }
       const auto position = static_cast<std::uint32_t>(index->dirs.size());
       index->dirs.push_back({frame.index, addName(name), st.st_ino});
       if (!walk.push(std::move(sub), position, frame.depth + 1))
@@ -213,13 +243,16 @@ std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, const std::ato
     }
     if (type != DT_REG)
       continue;
-    if (!statted && ::fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+    // A file mounted over a name is not this directory's.
+    if (!statted && !statOnMount(dirfd, name, index->mount, entry->d_ino, &st))
       continue;
     // A file with another link frees nothing when this name goes.
     if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
       continue;
     index->totalBytes += static_cast<std::uint64_t>(st.st_blocks) * 512;
-    if (std::strcmp(name, kTagName) == 0 || !policy.matches(name) ||
+    // A leftover was taken by an earlier purge for deletion, so its name
+    // once matched; the other checks still hold when it goes.
+    if (std::strcmp(name, kTagName) == 0 || (aside == AsideKind::kNone && !policy.matches(name)) ||
         (policy.owner && st.st_uid != *policy.owner) || index->names.size() > kMaxNameBytes ||
         index->files.size() >= UINT32_MAX)
       continue;
@@ -240,6 +273,10 @@ std::vector<DirPolicy> Scanner::findTagged(const std::string& below,
     return found;
   }
   const dev_t dev = st.st_dev;
+  // Held by every directory found, which is reopened from it.
+  auto held = std::make_shared<const Fd>(::fcntl(top.get(), F_DUPFD_CLOEXEC, 0));
+  if (!held->valid())
+    return found;
   // Paths of the directories on the stack, relative to `below`.
   std::vector<std::string> paths{""};
   Walk walk;
@@ -265,6 +302,11 @@ std::vector<DirPolicy> Scanner::findTagged(const std::string& below,
       DirPolicy policy;
       policy.path = below == "/" ? relative : below + relative;
       policy.owner = owner;
+      policy.below = held;
+      policy.relative = relative.substr(1);
+      if (::fstat(sub.get(), &st) != 0)
+        continue;
+      policy.ino = st.st_ino;
       if (auto reason = refusalReason(policy.path))
         log(Priority::kWarning, "refusing tagged \"" + policy.path + "\": " + *reason);
       else

@@ -4,15 +4,19 @@
 // a million files fit in a few tens of MiB. Directories and files refer to
 // their parent by position and to their name by offset into one arena of
 // NUL-terminated names. Only files that may ever be deleted are listed:
-// regular files with a single link whose name the policy matches. An index
-// is immutable once built and may be read from any thread.
+// regular files with a single link whose name the policy matches, and the
+// files an interrupted removal left under an aside name. An index is
+// immutable once built and may be read from any thread.
 
 #include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config.h"
@@ -40,6 +44,7 @@ class RootIndex {
   DirPolicy policy;
   Fd root;  // the directory that was scanned
   dev_t dev = 0;
+  std::optional<std::uint64_t> mount;  // the mount it is on, where that can be told
   std::vector<DirRecord> dirs;
   std::vector<FileRecord> files;  // oldest last use first
   std::string names;
@@ -67,15 +72,29 @@ class Scanner {
   // a descriptor open.
   static constexpr int kMaxDepth = 200;
 
-  // Scans the directory `policy.path`. Null (logged) when it cannot be
-  // opened; stops early, returning null, once `*stop` is set. `previous`, the
-  // last index of the same directory, sizes the lists up front so that a
-  // rescan costs no regrowth.
-  static std::shared_ptr<RootIndex> scan(const DirPolicy& policy, const std::atomic<bool>& stop,
+  // Opens the directory of `policy`: a configured one by its path, a tagged
+  // one only below the tree it was found in, and only when it is still the
+  // directory the search found. Invalid (logged) when it cannot.
+  static Fd openRoot(const DirPolicy& policy);
+
+  // Other cache directories, each governed by its own policy: a scan does
+  // not enter them, so their files never go under an outer directory's
+  // policy, nor they themselves as emptied.
+  struct Nested {
+    std::set<std::pair<dev_t, ino_t>> roots;  // every root's device and inode
+    std::set<std::string> paths;              // those below this root, relative to it
+  };
+
+  // Scans `root`, the directory of `policy`. Null when it cannot be read;
+  // stops early, returning null, once `*stop` is set. `previous`, the last
+  // index of the same directory, sizes the lists up front so that a rescan
+  // costs no regrowth.
+  static std::shared_ptr<RootIndex> scan(const DirPolicy& policy, Fd root,
+                                         const std::atomic<bool>& stop, const Nested& nested,
                                          const RootIndex* previous = nullptr);
 
-  // Directories below `below` that hold a CACHEDIR.TAG file with the
-  // signature line, up to a few levels deep; each with the default policy
+  // Directories below `below` that hold a CACHEDIR.TAG file of one link with
+  // the signature line, up to a few levels deep; each with the default policy
   // restricted to the tag's owner. Tagged directories are not searched
   // further.
   static std::vector<DirPolicy> findTagged(const std::string& below, const std::atomic<bool>& stop);

@@ -81,6 +81,9 @@ int main(int argc, char** argv) {
       host.stop();
     }).detach();
     host.run();
+    // Every call is answered, or its job stopped, while the connection that
+    // carries the answers is still there; the host takes it down on leaving.
+    service->stop();
   } catch (const sdbus::Error& e) {
     log(Priority::kError, "vantor-cachedir: " + e.getName() + ": " + e.getMessage());
     return 1;

@@ -9,6 +9,8 @@
 #include <set>
 #include <unordered_map>
 
+#include "log.h"
+
 namespace vantor::cachedir {
 
 namespace {
@@ -105,8 +107,9 @@ void removeEmptied(const std::vector<Target>& targets, DirectoryCache& cache,
     const RootIndex& index = *targets[t].index;
     const DirRecord& record = index.dirs[dir];
     const int parentfd = cache.get(t, record.parent);
-    if (parentfd < 0 ||
-        !removeEmptyDirectory(parentfd, index.name(record.name), index.dev, record.ino))
+    // Under a tag, only the tag owner's own directories go.
+    if (parentfd < 0 || !removeEmptyDirectory(parentfd, index.name(record.name), index.dev,
+                                              record.ino, index.policy.owner))
       continue;
     if (record.parent != 0)
       pending.emplace(negDepth + 1, t, record.parent);
@@ -154,7 +157,20 @@ PurgeOutcome deleteOldest(const std::vector<Target>& targets, std::uint64_t amou
     }
     Expected expected{index.dev, targets[best].usedBefore, index.policy.owner};
     std::uint64_t freed = 0;
-    switch (removeFile(dirfd, index.name(file.name), expected, &freed)) {
+    std::string keptAs;
+    const Removal removal = removeFile(dirfd, index.name(file.name), expected, &freed, &keptAs);
+    if (!keptAs.empty()) {
+      std::string dir = index.policy.path + "/" + index.relativePath(file.dir);
+      if (dir.back() != '/')
+        dir += '/';
+      // Another file took its name while it was checked, as when an
+      // application replaces a file: both are kept.
+      log(Priority::kWarning, "\"" + dir + index.name(file.name) +
+                                  "\" could not be given its name back after its check; it is "
+                                  "kept as \"" +
+                                  dir + keptAs + "\"");
+    }
+    switch (removal) {
       case Removal::kRemoved:
         outcome.freed += freed;
         ++outcome.files;

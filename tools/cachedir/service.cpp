@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <limits>
 #include <map>
 #include <set>
@@ -39,6 +40,44 @@ std::uint64_t askedAmount(const Value& info) {
   return amount->uint64Value();
 }
 
+// `path` as D-Bus carries it, valid UTF-8: a byte that is not part of a
+// valid sequence becomes \xNN, and a backslash \\, so that nothing is lost.
+std::string busString(std::string_view path) {
+  std::string out;
+  out.reserve(path.size());
+  std::size_t i = 0;
+  while (i < path.size()) {
+    const auto c = static_cast<unsigned char>(path[i]);
+    const auto at = [&](std::size_t k) { return static_cast<unsigned char>(path[i + k]); };
+    std::size_t length = c < 0x80                 ? 1
+                         : c >= 0xc2 && c <= 0xdf ? 2
+                         : c >= 0xe0 && c <= 0xef ? 3
+                         : c >= 0xf0 && c <= 0xf4 ? 4
+                                                  : 0;
+    bool valid = length > 0 && i + length <= path.size();
+    for (std::size_t k = 1; valid && k < length; ++k)
+      valid = (at(k) & 0xc0) == 0x80;
+    // No overlong forms, surrogates or code points past U+10FFFF.
+    if (valid && length > 2) {
+      valid = !(c == 0xe0 && at(1) < 0xa0) && !(c == 0xed && at(1) >= 0xa0) &&
+              !(c == 0xf0 && at(1) < 0x90) && !(c == 0xf4 && at(1) >= 0x90);
+    }
+    if (!valid) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+      out += escaped;
+      ++i;
+    } else if (c == '\\') {
+      out += "\\\\";
+      ++i;
+    } else {
+      out.append(path, i, length);
+      i += length;
+    }
+  }
+  return out;
+}
+
 }  // namespace
 
 std::int64_t unusedFor(std::int32_t urgency) {
@@ -61,19 +100,44 @@ CacheDirService::CacheDirService(std::filesystem::path configDir, std::chrono::s
 }
 
 CacheDirService::~CacheDirService() {
+  stop();
+}
+
+void CacheDirService::stop() {
   {
     std::lock_guard lock(mutex_);
+    if (stopped_)
+      return;
     stopping_ = true;
   }
   stopFlag_.store(true);
   changed_.notify_all();
   scanner_.join();
   worker_.join();
-  // Whoever still waits gets an answer, as the protocol wants exactly one.
+  // Whoever still waits gets an answer, as the protocol wants exactly one:
+  // jobs never run answer that they freed nothing, rescans with nothing.
+  std::vector<PendingReply> pending;
+  std::deque<std::function<void()>> left;
+  {
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+    pending.swap(pending_);
+    left.swap(jobs_);
+  }
+  for (auto& job : left)
+    runGuarded(job, "a job");
   const Snapshot none;
-  for (PendingReply& p : pending_) {
+  for (PendingReply& p : pending) {
     if (!p.answered->exchange(true))
-      p.answer(none);
+      runGuarded([&] { p.answer(none); }, "an answer");
+  }
+}
+
+void CacheDirService::runGuarded(const std::function<void()>& job, const char* what) {
+  try {
+    job();
+  } catch (const std::exception& e) {
+    log(Priority::kError, std::string(what) + " failed: " + e.what());
   }
 }
 
@@ -111,18 +175,11 @@ void CacheDirService::scanLoop() {
     std::shared_ptr<const Snapshot> previous = snapshot_;
     lock.unlock();
 
-    if (reload) {
-      config = loadConfig(configDir_);
-      log(Priority::kInfo, "configuration " + configDir_.string() + ": " +
-                               std::to_string(config.directories.size()) + " directories, " +
-                               std::to_string(config.taggedBelow.size()) + " tagged trees");
-    }
-    std::vector<DirPolicy> policies = config.directories;
-    for (const std::string& below : config.taggedBelow) {
-      for (DirPolicy& tagged : Scanner::findTagged(below, stopFlag_))
-        policies.push_back(std::move(tagged));
-    }
-    std::shared_ptr<const Snapshot> fresh = scanAll(policies, previous.get());
+    std::shared_ptr<const Snapshot> fresh;
+    runGuarded([&] { scanOnce(config, reload, previous.get(), &fresh); }, "a scan");
+    // A scan that failed leaves the last snapshot in place.
+    if (!fresh)
+      fresh = previous ? previous : std::make_shared<const Snapshot>();
     previous.reset();  // only the published snapshot, and purges using it, keep it now
 
     lock.lock();
@@ -139,11 +196,27 @@ void CacheDirService::scanLoop() {
     lock.unlock();
     for (PendingReply& p : due) {
       if (!p.answered->exchange(true))
-        p.answer(*fresh);
+        runGuarded([&] { p.answer(*fresh); }, "an answer");
     }
     due.clear();  // released unlocked, as the worker releases its jobs
     lock.lock();
   }
+}
+
+void CacheDirService::scanOnce(Config& config, bool reload, const Snapshot* previous,
+                               std::shared_ptr<const Snapshot>* fresh) {
+  if (reload) {
+    config = loadConfig(configDir_);
+    log(Priority::kInfo, "configuration " + configDir_.string() + ": " +
+                             std::to_string(config.directories.size()) + " directories, " +
+                             std::to_string(config.taggedBelow.size()) + " tagged trees");
+  }
+  std::vector<DirPolicy> policies = config.directories;
+  for (const std::string& below : config.taggedBelow) {
+    for (DirPolicy& tagged : Scanner::findTagged(below, stopFlag_))
+      policies.push_back(std::move(tagged));
+  }
+  *fresh = scanAll(policies, previous);
 }
 
 std::shared_ptr<const CacheDirService::Snapshot> CacheDirService::scanAll(
@@ -153,13 +226,36 @@ std::shared_ptr<const CacheDirService::Snapshot> CacheDirService::scanAll(
     for (const auto& root : previous->roots)
       last[root->policy.path] = root.get();
   }
-  auto snapshot = std::make_shared<Snapshot>();
+  // Every directory is opened first, so that each scan knows the others
+  // and leaves those nested in it to their own policy.
+  struct Opened {
+    const DirPolicy* policy;
+    Fd root;
+  };
+  std::vector<Opened> opened;
   std::set<std::string> seen;
+  Scanner::Nested nested;
   for (const DirPolicy& policy : policies) {
     // The first entry for a directory wins; files are read in name order.
     if (!seen.insert(policy.path).second)
       continue;
-    auto index = Scanner::scan(policy, stopFlag_, last[policy.path]);
+    Fd root = Scanner::openRoot(policy);
+    struct stat st;
+    if (!root.valid() || ::fstat(root.get(), &st) != 0 ||
+        !nested.roots.emplace(st.st_dev, st.st_ino).second)
+      continue;
+    opened.push_back({&policy, std::move(root)});
+  }
+  auto snapshot = std::make_shared<Snapshot>();
+  for (Opened& o : opened) {
+    const std::string& path = o.policy->path;
+    nested.paths.clear();
+    for (const std::string& other : seen) {
+      if (other.size() > path.size() + 1 && other.compare(0, path.size(), path) == 0 &&
+          other[path.size()] == '/')
+        nested.paths.insert(other.substr(path.size() + 1));
+    }
+    auto index = Scanner::scan(*o.policy, std::move(o.root), stopFlag_, nested, last[path]);
     if (index)
       snapshot->roots.push_back(std::move(index));
   }
@@ -171,31 +267,30 @@ void CacheDirService::workLoop() {
   while (true) {
     changed_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
     if (stopping_)
-      break;
+      return;
     std::function<void()> job = std::move(jobs_.front());
     jobs_.pop_front();
     lock.unlock();
-    job();
+    runGuarded(job, "a job");
     // What the job captured, its reply among them, goes before the lock is
     // taken again: releasing a reply may wait for the bus thread, which may
     // be waiting for this lock to queue the next job.
     job = nullptr;
     lock.lock();
   }
-  // Jobs never run still answer their callers.
-  std::deque<std::function<void()>> left;
-  left.swap(jobs_);
-  lock.unlock();
-  for (auto& job : left)
-    job();
 }
 
 void CacheDirService::enqueue(std::function<void()> job) {
   {
     std::lock_guard lock(mutex_);
-    jobs_.push_back(std::move(job));
+    if (!stopping_) {
+      jobs_.push_back(std::move(job));
+      changed_.notify_all();
+      return;
+    }
   }
-  changed_.notify_all();
+  // Stopping: the job finds no snapshot and answers at once.
+  runGuarded(job, "a job");
 }
 
 std::shared_ptr<const CacheDirService::Snapshot> CacheDirService::firstSnapshot(
@@ -240,7 +335,9 @@ void CacheDirService::purgeable(std::int32_t urgency, const Value& info, Diction
   {
     std::lock_guard lock(mutex_);
     snapshot = snapshot_;
-    if (!snapshot)
+    if (!snapshot && stopping_)
+      snapshot = std::make_shared<const Snapshot>();
+    else if (!snapshot)
       pending_.push_back({1, answered, answer});
   }
   if (snapshot) {
@@ -251,7 +348,7 @@ void CacheDirService::purgeable(std::int32_t urgency, const Value& info, Diction
   dispatch::globalAsync([answered, reply] {
     std::this_thread::sleep_for(kFirstScanWait);
     if (!answered->exchange(true))
-      reply(amountReply(0));
+      runGuarded([&] { reply(amountReply(0)); }, "an answer");
   });
 }
 
@@ -333,7 +430,7 @@ void CacheDirService::callback(const Value& info, DictionaryReply reply) {
     std::uint64_t files = 0;
     std::uint64_t bytes = 0;
     for (const auto& root : snapshot.roots) {
-      paths.emplace_back(root->policy.path);
+      paths.emplace_back(busString(root->policy.path));
       files += root->files.size();
       bytes += root->totalBytes;
     }
@@ -343,9 +440,13 @@ void CacheDirService::callback(const Value& info, DictionaryReply reply) {
   };
   {
     std::lock_guard lock(mutex_);
-    pending_.push_back({++requested_, std::make_shared<std::atomic<bool>>(false), answer});
+    if (!stopping_) {
+      pending_.push_back({++requested_, std::make_shared<std::atomic<bool>>(false), answer});
+      changed_.notify_all();
+      return;
+    }
   }
-  changed_.notify_all();
+  answer(Snapshot{});
 }
 
 }  // namespace vantor::cachedir

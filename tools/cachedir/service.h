@@ -34,6 +34,13 @@ class CacheDirService final : public kit::Service {
   CacheDirService(std::filesystem::path configDir, std::chrono::seconds scanInterval);
   ~CacheDirService() override;
 
+  // Stops the scan and work threads, a purge under way between two files,
+  // and answers every call still waiting; calls that come later are answered
+  // at once. To be called while the bus connection is still up, so that no
+  // answer is left to go through a connection that is gone. The destructor
+  // calls it too.
+  void stop();
+
   // Re-reads the configuration, then rescans.
   void reload();
 
@@ -58,9 +65,14 @@ class CacheDirService final : public kit::Service {
   void scanLoop();
   void workLoop();
   void enqueue(std::function<void()> job);
+  // Runs `job`, logging what it throws: nothing on a worker thread ends the
+  // process.
+  static void runGuarded(const std::function<void()>& job, const char* what);
   std::uint64_t requestScan();
   std::shared_ptr<const Snapshot> scanAll(const std::vector<DirPolicy>& policies,
                                           const Snapshot* previous);
+  void scanOnce(Config& config, bool reload, const Snapshot* previous,
+                std::shared_ptr<const Snapshot>* fresh);
   // Waits for the first snapshot; null when the service stops or `gone()`.
   std::shared_ptr<const Snapshot> firstSnapshot(const std::function<bool()>& gone);
   static std::vector<const RootIndex*> rootsOn(const Snapshot& snapshot, const Value& info);
@@ -71,6 +83,7 @@ class CacheDirService final : public kit::Service {
   std::mutex mutex_;
   std::condition_variable changed_;
   bool stopping_ = false;
+  bool stopped_ = false;  // stop() is done
   bool reloadPending_ = true;
   std::uint64_t requested_ = 1;
   std::uint64_t completed_ = 0;
