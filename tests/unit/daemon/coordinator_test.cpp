@@ -132,6 +132,18 @@ class TooDeep {
   std::vector<int> fds_;
 };
 
+// A coordinator off the bus on `dir` as its root, started with errors logged.
+std::shared_ptr<Vantor> startLogging(const TempDir& dir) {
+  setLogHandleForTesting(true, 3);
+  Vantor::Options options;
+  options.root = dir.path().string();
+  options.stateDirectory = (dir.path() / "state").string();
+  options.listen = false;
+  auto v = Vantor::create(options);
+  setLogHandleForTesting(false, 0);
+  return v;
+}
+
 TEST(DescriptorScan, ADirectoryThatCannotBeOpenedIsLoggedAndTheScanGoesOn) {
   TempDir dir;
   const auto top = dir.path() / "System/Library/Vantor";
@@ -150,14 +162,8 @@ TEST(DescriptorScan, ADirectoryThatCannotBeOpenedIsLoggedAndTheScanGoesOn) {
     expected.insert(id);
   }
   TooDeep deep(top);
-  setLogHandleForTesting(true, 3);
   LogCapture capture;
-  Vantor::Options options;
-  options.root = dir.path().string();
-  options.stateDirectory = (dir.path() / "state").string();
-  options.listen = false;
-  auto v = Vantor::create(options);
-  setLogHandleForTesting(false, 0);
+  auto v = startLogging(dir);
   EXPECT_EQ(v->daemons, expected);
   EXPECT_TRUE(capture.contains("cannot enumerate"));
 }
@@ -186,14 +192,8 @@ TEST(DescriptorHomes, EtcMasksUsrLibByNameAndAKnownIdIsSkipped) {
   write(lib + "d.plist", "com.example.first", false);  // known: skipped
   write(lib + "e.conf", "com.example.notplist", true);
 
-  setLogHandleForTesting(true, 3);
   LogCapture capture;
-  Vantor::Options options;
-  options.root = dir.path().string();
-  options.stateDirectory = (dir.path() / "state").string();
-  options.listen = false;
-  auto v = Vantor::create(options);
-  setLogHandleForTesting(false, 0);
+  auto v = startLogging(dir);
   EXPECT_EQ(v->daemons, (Vantor::StringSet{"com.example.first", "com.example.local"}));
   EXPECT_TRUE(v->services.at("com.example.first")->doesPurge());
   EXPECT_FALSE(v->services.at("com.example.local")->doesPurge());
