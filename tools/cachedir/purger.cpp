@@ -4,9 +4,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <exception>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
+#include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "log.h"
@@ -14,6 +20,8 @@
 namespace vantor::cachedir {
 
 namespace {
+
+constexpr int kRemovers = 2;
 
 // Open, verified directories of the purge, a few dozen at most: files come
 // in order of age, which mostly keeps neighbours together.
@@ -116,49 +124,105 @@ void removeEmptied(const std::vector<Target>& targets, DirectoryCache& cache,
   }
 }
 
-}  // namespace
+// The files a purge hands to its removers, and what came of them. The
+// purge picks files in order of last use; removers take them in that order.
+// Bytes of files handed out but not yet removed count against the amount, so
+// the purge frees what was asked and hardly more.
+class RemovalQueue {
+ public:
+  struct Job {
+    std::size_t target;
+    const FileRecord* file;
+  };
 
-PurgeOutcome deleteOldest(const std::vector<Target>& targets, std::uint64_t amount,
-                          const std::function<bool()>& cancelled) {
-  PurgeOutcome outcome;
-  std::vector<std::size_t> next(targets.size(), 0);
-  std::vector<std::size_t> end(targets.size(), 0);
-  for (std::size_t t = 0; t < targets.size(); ++t) {
-    const auto& files = targets[t].index->files;
-    const std::int64_t cutoff = targets[t].usedBefore;
-    end[t] = static_cast<std::size_t>(
-        std::find_if(files.begin(), files.end(),
-                     [cutoff](const FileRecord& f) { return f.lastUse > cutoff; }) -
-        files.begin());
+  explicit RemovalQueue(const std::vector<Target>& targets) : targets_(targets) {}
+
+  // Hands `job` out, first waiting while the queue is full. False, with the
+  // job not handed out, once the amount is met or can no longer be missed.
+  bool push(Job job, std::uint64_t amount) {
+    std::unique_lock lock(mutex_);
+    progress_.wait(lock, [&] {
+      return jobs_.size() < kMaxQueued &&
+             (outcome_.freed + inFlightBytes_ < amount || inFlight_ == 0);
+    });
+    if (outcome_.freed >= amount)
+      return false;
+    jobs_.push_back(job);
+    ++inFlight_;
+    inFlightBytes_ += std::uint64_t{job.file->blocks} * 512;
+    work_.notify_one();
+    return true;
   }
-  DirectoryCache cache(targets);
-  std::set<std::pair<std::size_t, std::uint32_t>> touched;
-  while (outcome.freed < amount) {
-    if (cancelled()) {
-      outcome.cancelled = true;
-      break;
+
+  // No more jobs: removers finish the queue and return.
+  void close() {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    work_.notify_all();
+  }
+
+  // One remover: takes jobs until the queue is closed and empty, or the
+  // purge is cancelled. Each remover opens its own directories.
+  void serve(const std::function<bool()>& cancelled) {
+    DirectoryCache cache(targets_);
+    for (;;) {
+      Job job{};
+      {
+        std::unique_lock lock(mutex_);
+        work_.wait(lock, [&] { return closed_ || !jobs_.empty(); });
+        if (jobs_.empty())
+          return;
+        job = jobs_.front();
+        jobs_.pop_front();
+      }
+      Removal removal = Removal::kFailed;
+      std::uint64_t freed = 0;
+      bool skipped = false;
+      if (cancelled()) {
+        removal = Removal::kGone;  // not tried
+        skipped = true;
+      } else {
+        try {
+          removal = remove(cache, job, &freed);
+        } catch (const std::exception& e) {
+          log(Priority::kError, std::string("A removal failed: ") + e.what());
+        }
+      }
+      std::lock_guard lock(mutex_);
+      outcome_.cancelled = outcome_.cancelled || skipped;
+      --inFlight_;
+      inFlightBytes_ -= std::uint64_t{job.file->blocks} * 512;
+      switch (removal) {
+        case Removal::kRemoved:
+          outcome_.freed += freed;
+          ++outcome_.files;
+          touched_.emplace(job.target, job.file->dir);
+          break;
+        case Removal::kGone:
+          break;
+        default:
+          ++outcome_.kept;
+          break;
+      }
+      progress_.notify_all();
     }
-    // The oldest next file of all targets; there are only a handful.
-    std::size_t best = targets.size();
-    for (std::size_t t = 0; t < targets.size(); ++t) {
-      if (next[t] < end[t] &&
-          (best == targets.size() || targets[t].index->files[next[t]].lastUse <
-                                         targets[best].index->files[next[best]].lastUse))
-        best = t;
-    }
-    if (best == targets.size())
-      break;
-    const RootIndex& index = *targets[best].index;
-    const FileRecord& file = index.files[next[best]++];
-    const int dirfd = cache.get(best, file.dir);
-    if (dirfd < 0) {
-      ++outcome.kept;
-      continue;
-    }
-    Expected expected{index.dev, targets[best].usedBefore, index.policy.owner};
-    std::uint64_t freed = 0;
+  }
+
+  PurgeOutcome outcome() const { return outcome_; }
+  const std::set<std::pair<std::size_t, std::uint32_t>>& touched() const { return touched_; }
+
+ private:
+  static constexpr std::size_t kMaxQueued = 64;
+
+  Removal remove(DirectoryCache& cache, const Job& job, std::uint64_t* freed) {
+    const RootIndex& index = *targets_[job.target].index;
+    const FileRecord& file = *job.file;
+    const int dirfd = cache.get(job.target, file.dir);
+    if (dirfd < 0)
+      return Removal::kChanged;
+    const Expected expected{index.dev, targets_[job.target].usedBefore, index.policy.owner};
     std::string keptAs;
-    const Removal removal = removeFile(dirfd, index.name(file.name), expected, &freed, &keptAs);
+    const Removal removal = removeFile(dirfd, index.name(file.name), expected, freed, &keptAs);
     if (!keptAs.empty()) {
       std::string dir = index.policy.path + "/" + index.relativePath(file.dir);
       if (dir.back() != '/')
@@ -170,21 +234,69 @@ PurgeOutcome deleteOldest(const std::vector<Target>& targets, std::uint64_t amou
                                   "kept as \"" +
                                   dir + keptAs + "\"");
     }
-    switch (removal) {
-      case Removal::kRemoved:
-        outcome.freed += freed;
-        ++outcome.files;
-        touched.emplace(best, file.dir);
-        break;
-      case Removal::kGone:
-        break;
-      default:
-        ++outcome.kept;
-        break;
-    }
+    return removal;
   }
-  if (!outcome.cancelled)
-    removeEmptied(targets, cache, touched);
+
+  const std::vector<Target>& targets_;
+  std::mutex mutex_;
+  std::condition_variable work_;
+  std::condition_variable progress_;
+  std::deque<Job> jobs_;
+  bool closed_ = false;
+  std::size_t inFlight_ = 0;
+  std::uint64_t inFlightBytes_ = 0;
+  PurgeOutcome outcome_;
+  std::set<std::pair<std::size_t, std::uint32_t>> touched_;
+};
+
+}  // namespace
+
+PurgeOutcome deleteOldest(const std::vector<Target>& targets, std::uint64_t amount,
+                          const std::function<bool()>& cancelled) {
+  std::vector<std::size_t> next(targets.size(), 0);
+  std::vector<std::size_t> end(targets.size(), 0);
+  for (std::size_t t = 0; t < targets.size(); ++t) {
+    const auto& files = targets[t].index->files;
+    const std::int64_t cutoff = targets[t].usedBefore;
+    end[t] = static_cast<std::size_t>(
+        std::find_if(files.begin(), files.end(),
+                     [cutoff](const FileRecord& f) { return f.lastUse > cutoff; }) -
+        files.begin());
+  }
+  RemovalQueue queue(targets);
+  // Two removers: most of a removal's time is spent in the kernel, and a
+  // second one overlaps its waits with the first's.
+  std::vector<std::thread> removers;
+  for (int i = 0; i < kRemovers; ++i)
+    removers.emplace_back([&] { queue.serve(cancelled); });
+  bool wasCancelled = false;
+  for (;;) {
+    if (cancelled()) {
+      wasCancelled = true;
+      break;
+    }
+    // The oldest next file of all targets; there are only a handful.
+    std::size_t best = targets.size();
+    for (std::size_t t = 0; t < targets.size(); ++t) {
+      if (next[t] < end[t] &&
+          (best == targets.size() || targets[t].index->files[next[t]].lastUse <
+                                         targets[best].index->files[next[best]].lastUse))
+        best = t;
+    }
+    if (best == targets.size() ||
+        !queue.push({best, &targets[best].index->files[next[best]]}, amount))
+      break;
+    ++next[best];
+  }
+  queue.close();
+  for (auto& remover : removers)
+    remover.join();
+  PurgeOutcome outcome = queue.outcome();
+  outcome.cancelled = outcome.cancelled || wasCancelled;
+  if (!outcome.cancelled) {
+    DirectoryCache cache(targets);
+    removeEmptied(targets, cache, queue.touched());
+  }
   return outcome;
 }
 
