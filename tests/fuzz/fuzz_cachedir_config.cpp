@@ -1,6 +1,7 @@
 // The cache-directory service's configuration: one input is the one file of
 // its configuration directory. Every accepted directory must have passed the
-// service's own safety check.
+// service's own safety check and
+// belong to a source with a valid name.
 
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const vantor::cachedir::Config config = vantor::cachedir::loadConfig(dir);
   for (const auto& policy : config.directories) {
     if (!policy.owner && vantor::cachedir::refusalReason(policy.path))
+      std::abort();
+    if (!vantor::cachedir::validSourceName(policy.source))
       std::abort();
     (void)policy.matches("a.tmp");
   }

@@ -648,40 +648,59 @@ TEST_F(CacheDir, SigtermDuringPurgesStopsCleanlyAndAnswersEveryCall) {
     EXPECT_NO_THROW(call.get());
 }
 
-TEST_F(CacheDir, FreesRealBytesThroughTheDaemon) {
+// Each configuration file is a source of its own: it checks in under its own
+// ID, and vantord's answers and purges show it apart from the others.
+TEST_F(CacheDir, EachSourceChecksInUnderItsOwnIdAndFreesRealBytesThroughTheDaemon) {
   ctx_.grantUser("me.plist", ::getuid(),
-                 {"CLIENT_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "PURGE_ENTITLEMENT"});
-  ctx_.writeDescriptor(
-      std::string(kName) + ".plist",
-      dict({{"VANTOR_ID", Value(kName)},
-            {"VANTOR_SERVICES", Value(Value::Array{Value("PURGE"), Value("PERIODIC")})}}));
-  configureCache();
+                 {"CLIENT_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT",
+                  "PURGE_ENTITLEMENT", "SERVICE_ENTITLEMENT"});
+  const fs::path other = ctx_.root().parent_path() / "other";
+  configureCache();  // 50-test.plist: the source "test"
+  auto bytes = encodePlist(dict({{"Path", Value(other.string())}, {"Name", Value("second")}}),
+                           PlistFormat::kXml);
+  ctx_.writeFile(ctx_.root() / "etc/vantor/cachedirs.d/60-other.plist",
+                 std::string(bytes.begin(), bytes.end()));
   constexpr std::size_t kSize = 16 << 20;
   for (int i = 0; i < 4; ++i)
     makeFile(cache_ / ("blob" + std::to_string(i)), kSize, (40 + i) * kDay);
+  for (int i = 0; i < 2; ++i)
+    makeFile(other / ("blob" + std::to_string(i)), kSize, (40 + i) * kDay);
   ::sync();
   const std::uint64_t each = allocated(cache_ / "blob0");
   ASSERT_TRUE(ctx_.startDaemon());
   ASSERT_TRUE(start());
+  const std::string test = std::string(kName) + ".test", second = std::string(kName) + ".second";
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        const std::string text = log();
+        return text.find("checked in " + test) != std::string::npos &&
+               text.find("checked in " + second) != std::string::npos;
+      },
+      seconds(30)))
+      << "the sources did not check in";
   rescan();
   auto client = ctx_.connect();
   const Value volume(volumeHolding(cache_));
 
-  const auto offered = callClient(*client, "ClientPurgeableSpace",
-                                  {{"VANTOR_VOLUME", volume}, {"VANTOR_URGENCY", Value(1)}});
-  EXPECT_EQ(offered.count(kName) ? offered.at(kName).uint64Value() : 0, 4 * each)
-      << Value(offered).description();
+  auto offered = callClient(*client, "ClientItemizedPurgeableSpace",
+                            {{"VANTOR_VOLUME", volume}, {"VANTOR_URGENCY", Value(1)}});
+  EXPECT_EQ(offered[test], Value(4 * each)) << Value(offered).description();
+  EXPECT_EQ(offered[second], Value(2 * each)) << Value(offered).description();
+  EXPECT_EQ(offered["VANTOR_TOTAL_AVAILABLE"].uint64Value(), 6 * each);
 
   const auto purged = callClient(*client, "ClientPurge",
-                                 {{"VANTOR_VOLUME", volume}, {"VANTOR_AMOUNT", Value(2 * each)}});
-  // vantord asks again when others' writes hid part of what went, so count
-  // what went rather than expect exactly two files; the oldest go first.
+                                 {{"VANTOR_VOLUME", volume}, {"VANTOR_AMOUNT", Value(3 * each)}});
+  // Within each source the oldest go first; together at least what was asked.
   std::uint64_t gone = 0;
-  while (gone < 4 && !fs::exists(cache_ / ("blob" + std::to_string(3 - gone))))
-    ++gone;
-  EXPECT_GE(gone, 2u);
-  for (std::uint64_t i = 0; i < 4 - gone; ++i)
-    EXPECT_TRUE(fs::exists(cache_ / ("blob" + std::to_string(i)))) << i;
+  for (const auto& [dir, count] : {std::pair{cache_, 4}, std::pair{other, 2}}) {
+    int dirGone = 0;
+    while (dirGone < count && !fs::exists(dir / ("blob" + std::to_string(count - 1 - dirGone))))
+      ++dirGone;
+    for (int i = 0; i < count - dirGone; ++i)
+      EXPECT_TRUE(fs::exists(dir / ("blob" + std::to_string(i)))) << dir << i;
+    gone += static_cast<std::uint64_t>(dirGone);
+  }
+  EXPECT_GE(gone, 3u);
   EXPECT_EQ(purged.at("VANTOR_AMOUNT_REPORTED").uint64Value(), gone * each)
       << Value(purged).description();
   // The volume is shared with whatever else runs: its free space moved by

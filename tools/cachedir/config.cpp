@@ -3,6 +3,7 @@
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <limits>
 #include <system_error>
@@ -51,11 +52,25 @@ std::string normalPath(const std::string& path) {
   return normal;
 }
 
-void addEntry(const Value& entry, const std::string& where, Config* config) {
+void addEntry(const Value& entry, const std::string& where, const std::string& fileSource,
+              Config* config) {
   if (!entry.isDictionary()) {
     log(Priority::kWarning, where + ": not a dictionary, skipped");
     return;
   }
+  std::string source = fileSource;
+  if (const Value* name = entry.find("Name")) {
+    const std::string* text = name->asString();
+    if (text == nullptr || !validSourceName(*text)) {
+      log(Priority::kError, where + ": \"Name\" is not a valid source name, entry skipped");
+      return;
+    }
+    source = *text;
+  }
+  const auto named = [&] {
+    if (std::find(config->sources.begin(), config->sources.end(), source) == config->sources.end())
+      config->sources.push_back(source);
+  };
   std::optional<std::string> below;
   if (const Value* belowValue = entry.find("TaggedBelow")) {
     const std::string* path = belowValue->asString();
@@ -67,10 +82,12 @@ void addEntry(const Value& entry, const std::string& where, Config* config) {
   }
   const Value* pathValue = entry.find("Path");
   if (pathValue == nullptr) {
-    if (below)
-      config->taggedBelow.push_back(*below);
-    else
+    if (below) {
+      config->taggedBelow.push_back({source, *below});
+      named();
+    } else {
       log(Priority::kWarning, where + ": neither \"Path\" nor \"TaggedBelow\", skipped");
+    }
     return;
   }
   const std::string* path = pathValue->asString();
@@ -83,6 +100,7 @@ void addEntry(const Value& entry, const std::string& where, Config* config) {
     return;
   }
   DirPolicy policy;
+  policy.source = source;
   policy.path = normalPath(*path);
   bool bad = false;
   policy.minimumAge = seconds(entry, "MinimumAge", where, &bad).value_or(kDefaultMinimumAge);
@@ -108,8 +126,9 @@ void addEntry(const Value& entry, const std::string& where, Config* config) {
     return;
   }
   if (below)
-    config->taggedBelow.push_back(*below);
+    config->taggedBelow.push_back({source, *below});
   config->directories.push_back(std::move(policy));
+  named();
 }
 
 }  // namespace
@@ -139,10 +158,61 @@ std::optional<std::string> refusalReason(std::string_view path) {
   return std::nullopt;
 }
 
+bool validSourceName(std::string_view name) {
+  if (name.empty() || name.size() > 64 || std::isdigit(static_cast<unsigned char>(name[0])) ||
+      name[0] == '-')
+    return false;
+  return std::all_of(name.begin(), name.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-';
+  });
+}
+
+std::string sourceNameOf(const std::filesystem::path& file) {
+  std::string name = file.stem().string();
+  std::size_t digits = 0;
+  while (digits < name.size() && std::isdigit(static_cast<unsigned char>(name[digits])))
+    ++digits;
+  if (digits > 0 && digits + 1 < name.size() && name[digits] == '-')
+    name.erase(0, digits + 1);
+  for (char& c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '-')
+      c = '_';
+  }
+  if (name.size() > 64)
+    name.resize(64);
+  if (name.empty() || !validSourceName(name))
+    name.insert(0, "_");
+  return name.substr(0, 64);
+}
+
 std::filesystem::path configDirectory() {
   const char* root = std::getenv("ZEPHON_SIMULATOR_ROOT");
   const std::filesystem::path base = (root != nullptr && *root != '\0') ? root : "/";
   return base / "etc/vantor/cachedirs.d";
+}
+
+Config userDefaults(const std::filesystem::path& home) {
+  Config config;
+  const std::string cache = normalPath((home / ".cache").string());
+  DirPolicy thumbnails;
+  thumbnails.source = "thumbnails";
+  thumbnails.path = cache + "/thumbnails";
+  if (!refusalReason(thumbnails.path)) {
+    config.directories.push_back(thumbnails);
+    config.sources.push_back(thumbnails.source);
+  }
+  if (!refusalReason(cache)) {
+    config.taggedBelow.push_back({"cache", cache});
+    config.sources.push_back("cache");
+  }
+  return config;
+}
+
+std::filesystem::path userConfigDirectory(const std::filesystem::path& home) {
+  const char* xdg = std::getenv("XDG_CONFIG_HOME");
+  const std::filesystem::path base =
+      (xdg != nullptr && *xdg == '/') ? std::filesystem::path(xdg) : home / ".config";
+  return base / "vantor/cachedirs.d";
 }
 
 Config loadConfig(const std::filesystem::path& dir) {
@@ -168,9 +238,9 @@ Config loadConfig(const std::filesystem::path& dir) {
     }
     if (const Value::Array* entries = parsed.value->asArray()) {
       for (const Value& entry : *entries)
-        addEntry(entry, file.string(), &config);
+        addEntry(entry, file.string(), sourceNameOf(file), &config);
     } else {
-      addEntry(*parsed.value, file.string(), &config);
+      addEntry(*parsed.value, file.string(), sourceNameOf(file), &config);
     }
   }
   return config;

@@ -21,7 +21,8 @@ namespace vantor::cachedir {
 inline constexpr std::int64_t kDefaultMinimumAge = 3600;
 
 struct DirPolicy {
-  std::string path;  // absolute and normal, never `/` nor directly below it
+  std::string source;  // the source it belongs to: its configuration file's
+  std::string path;    // absolute and normal, never `/` nor directly below it
   std::int64_t minimumAge = kDefaultMinimumAge;  // seconds after the last use
   std::optional<std::int64_t> maximumAge;        // seconds; the daily run trims to it
   std::optional<std::uint64_t> maximumSize;      // bytes; the daily run trims to it
@@ -40,21 +41,51 @@ struct DirPolicy {
   bool matches(const char* name) const;
 };
 
-struct Config {
-  std::vector<DirPolicy> directories;
-  std::vector<std::string> taggedBelow;  // absolute paths
+struct TaggedTree {
+  std::string source;
+  std::string below;  // absolute path
 };
 
+struct Config {
+  std::vector<DirPolicy> directories;
+  std::vector<TaggedTree> taggedBelow;
+  std::vector<std::string> sources;  // every source named, in file order
+};
+
+// The prefix of the IDs of the sources: a source `name` checks in with
+// vantord as "com.tessaly.vantor.cachedir.<name>".
+inline constexpr char kSourceIdPrefix[] = "com.tessaly.vantor.cachedir.";
+
+// The name of the source a configuration file describes: the file's name
+// without ".plist" and without a leading "NN-" of digits, with characters a
+// bus name cannot hold replaced by '_' (so "00-apt-archives.plist" is
+// "apt-archives").
+std::string sourceNameOf(const std::filesystem::path& file);
+
+// Whether `name` may name a source: letters, digits, '_' and '-', not
+// starting with a digit or '-', at most 64 characters.
+bool validSourceName(std::string_view name);
+
 // Reads every *.plist file of `dir` in name order. Each holds a dictionary,
-// or an array of dictionaries, with "Path" or "TaggedBelow". An entry with a
-// value of another type than its key's is logged and skipped whole; a
-// missing directory is an empty configuration.
+// or an array of dictionaries, with "Path" or "TaggedBelow", and optionally
+// "Name", the source the entry belongs to (default: the file's source). An
+// entry with a value of another type than its key's is logged and skipped
+// whole; a missing directory is an empty configuration.
 Config loadConfig(const std::filesystem::path& dir);
 
 // Why `path` may not be a cache directory, or nullopt when it may: it must
 // be absolute, free of `.` and `..`, and neither `/` nor a directory
 // directly below it (`/usr`, `/home`, `/var`, ...).
 std::optional<std::string> refusalReason(std::string_view path);
+
+// What a user's instance looks after besides its configuration, each a
+// source of its own: "thumbnails" (`home`/.cache/thumbnails) and "cache"
+// (every tagged directory below `home`/.cache).
+Config userDefaults(const std::filesystem::path& home);
+
+// A user's own configuration: $XDG_CONFIG_HOME/vantor/cachedirs.d, by
+// default `home`/.config/vantor/cachedirs.d.
+std::filesystem::path userConfigDirectory(const std::filesystem::path& home);
 
 // <ZEPHON_SIMULATOR_ROOT>/etc/vantor/cachedirs.d, the root being `/` when
 // the variable is unset or empty.

@@ -93,8 +93,9 @@ std::int64_t unusedFor(std::int32_t urgency) {
   }
 }
 
-CacheDirService::CacheDirService(std::filesystem::path configDir, std::chrono::seconds scanInterval)
-    : configDir_(std::move(configDir)), scanInterval_(scanInterval) {
+CacheDirService::CacheDirService(std::function<Config()> load, std::string where,
+                                 std::chrono::seconds scanInterval)
+    : load_(std::move(load)), where_(std::move(where)), scanInterval_(scanInterval) {
   scanner_ = std::thread([this] { scanLoop(); });
   worker_ = std::thread([this] { workLoop(); });
 }
@@ -206,15 +207,22 @@ void CacheDirService::scanLoop() {
 void CacheDirService::scanOnce(Config& config, bool reload, const Snapshot* previous,
                                std::shared_ptr<const Snapshot>* fresh) {
   if (reload) {
-    config = loadConfig(configDir_);
-    log(Priority::kInfo, "configuration " + configDir_.string() + ": " +
+    config = load_();
+    log(Priority::kInfo, "configuration " + where_ + ": " +
                              std::to_string(config.directories.size()) + " directories, " +
                              std::to_string(config.taggedBelow.size()) + " tagged trees");
   }
+  if (reload) {
+    std::lock_guard lock(mutex_);
+    sources_ = config.sources;
+    changed_.notify_all();
+  }
   std::vector<DirPolicy> policies = config.directories;
-  for (const std::string& below : config.taggedBelow) {
-    for (DirPolicy& tagged : Scanner::findTagged(below, stopFlag_))
+  for (const TaggedTree& tree : config.taggedBelow) {
+    for (DirPolicy& tagged : Scanner::findTagged(tree.below, stopFlag_)) {
+      tagged.source = tree.source;
       policies.push_back(std::move(tagged));
+    }
   }
   *fresh = scanAll(policies, previous);
 }
@@ -303,8 +311,8 @@ std::shared_ptr<const CacheDirService::Snapshot> CacheDirService::firstSnapshot(
   return snapshot_;
 }
 
-std::vector<const RootIndex*> CacheDirService::rootsOn(const Snapshot& snapshot,
-                                                       const Value& info) {
+std::vector<const RootIndex*> CacheDirService::rootsOn(const Snapshot& snapshot, const Value& info,
+                                                       const std::string& source) {
   std::vector<const RootIndex*> roots;
   const Value* volume = info.find("VANTOR_VOLUME");
   std::optional<dev_t> dev;
@@ -316,17 +324,34 @@ std::vector<const RootIndex*> CacheDirService::rootsOn(const Snapshot& snapshot,
     dev = st.st_dev;
   }
   for (const auto& root : snapshot.roots) {
-    if (!dev || root->dev == *dev)
+    if ((!dev || root->dev == *dev) && (source.empty() || root->policy.source == source))
       roots.push_back(root.get());
   }
   return roots;
 }
 
 void CacheDirService::purgeable(std::int32_t urgency, const Value& info, DictionaryReply reply) {
+  purgeable(std::string(), urgency, info, std::move(reply));
+}
+
+void CacheDirService::purge(std::int32_t urgency, const Value& info, DictionaryReply reply) {
+  purge(std::string(), urgency, info, std::move(reply));
+}
+
+void CacheDirService::periodic(std::int32_t, const Value& info, DictionaryReply reply) {
+  periodic(std::string(), info, std::move(reply));
+}
+
+void CacheDirService::cancelPurge() {
+  cancelPurge(std::string());
+}
+
+void CacheDirService::purgeable(const std::string& source, std::int32_t urgency, const Value& info,
+                                DictionaryReply reply) {
   const std::int64_t unused = unusedFor(urgency);
-  auto answer = [info, unused, reply](const Snapshot& snapshot) {
+  auto answer = [info, unused, reply, source](const Snapshot& snapshot) {
     std::uint64_t bytes = 0;
-    for (const RootIndex* root : rootsOn(snapshot, info))
+    for (const RootIndex* root : rootsOn(snapshot, info, source))
       bytes += root->bytesUsedBefore(usedBefore(root->policy, unused));
     reply(amountReply(bytes));
   };
@@ -352,19 +377,24 @@ void CacheDirService::purgeable(std::int32_t urgency, const Value& info, Diction
   });
 }
 
-void CacheDirService::purge(std::int32_t urgency, const Value& info, DictionaryReply reply) {
+void CacheDirService::purge(const std::string& source, std::int32_t urgency, const Value& info,
+                            DictionaryReply reply) {
   const std::uint64_t generation = cancelGeneration_.load();
+  auto sourceCancels = cancelsOf(source);
+  const std::uint64_t sourceGeneration = sourceCancels->load();
   const std::uint64_t amount = askedAmount(info);
   const std::int64_t unused = unusedFor(urgency);
-  enqueue([this, generation, amount, unused, info, reply, urgency] {
-    const auto cancelled = [this, generation] {
+  enqueue([this, generation, sourceCancels, sourceGeneration, amount, unused, info, reply, urgency,
+           source] {
+    const auto cancelled = [this, generation, sourceCancels, sourceGeneration] {
       return cancelGeneration_.load(std::memory_order_relaxed) != generation ||
+             sourceCancels->load(std::memory_order_relaxed) != sourceGeneration ||
              stopFlag_.load(std::memory_order_relaxed);
     };
     PurgeOutcome outcome;
     if (auto snapshot = amount > 0 ? firstSnapshot(cancelled) : nullptr) {
       std::vector<Target> targets;
-      for (const RootIndex* root : rootsOn(*snapshot, info)) {
+      for (const RootIndex* root : rootsOn(*snapshot, info, source)) {
         // The snapshot stays alive for the whole purge: share its ownership.
         targets.push_back(
             {std::shared_ptr<const RootIndex>(snapshot, root), usedBefore(root->policy, unused)});
@@ -372,21 +402,23 @@ void CacheDirService::purge(std::int32_t urgency, const Value& info, DictionaryR
       outcome = deleteOldest(targets, amount, cancelled);
       requestScan();
     }
-    log(Priority::kInfo,
-        "purge at urgency " + std::to_string(urgency) + " of " + std::to_string(amount) +
-            " bytes: freed " + std::to_string(outcome.freed) + " in " +
-            std::to_string(outcome.files) + " files, kept " + std::to_string(outcome.kept) +
-            (outcome.cancelled ? " (cancelled)" : ""));
+    log(Priority::kInfo, (source.empty() ? std::string() : source + ": ") + "purge at urgency " +
+                             std::to_string(urgency) + " of " + std::to_string(amount) +
+                             " bytes: freed " + std::to_string(outcome.freed) + " in " +
+                             std::to_string(outcome.files) + " files, kept " +
+                             std::to_string(outcome.kept) +
+                             (outcome.cancelled ? " (cancelled)" : ""));
     reply(amountReply(outcome.freed));
   });
 }
 
-void CacheDirService::periodic(std::int32_t, const Value& info, DictionaryReply reply) {
-  enqueue([this, info, reply] {
+void CacheDirService::periodic(const std::string& source, const Value& info,
+                               DictionaryReply reply) {
+  enqueue([this, info, reply, source] {
     const auto stopped = [this] { return stopFlag_.load(std::memory_order_relaxed); };
     std::uint64_t freed = 0;
     if (auto snapshot = firstSnapshot(stopped)) {
-      for (const RootIndex* root : rootsOn(*snapshot, info)) {
+      for (const RootIndex* root : rootsOn(*snapshot, info, source)) {
         const DirPolicy& policy = root->policy;
         std::shared_ptr<const RootIndex> shared(snapshot, root);
         std::uint64_t rootFreed = 0;
@@ -412,8 +444,11 @@ void CacheDirService::periodic(std::int32_t, const Value& info, DictionaryReply 
   });
 }
 
-void CacheDirService::cancelPurge() {
-  cancelGeneration_.fetch_add(1);
+void CacheDirService::cancelPurge(const std::string& source) {
+  if (source.empty())
+    cancelGeneration_.fetch_add(1);
+  else
+    cancelsOf(source)->fetch_add(1);
   // Lock and unlock so a purge between its check and its wait sees the change.
   { std::lock_guard lock(mutex_); }
   changed_.notify_all();
@@ -447,6 +482,70 @@ void CacheDirService::callback(const Value& info, DictionaryReply reply) {
     }
   }
   answer(Snapshot{});
+}
+
+}  // namespace vantor::cachedir
+
+namespace vantor::cachedir {
+
+std::shared_ptr<std::atomic<std::uint64_t>> CacheDirService::cancelsOf(const std::string& source) {
+  std::lock_guard lock(mutex_);
+  auto& cancels = sourceCancels_[source];
+  if (!cancels)
+    cancels = std::make_shared<std::atomic<std::uint64_t>>(0);
+  return cancels;
+}
+
+std::vector<std::string> CacheDirService::awaitSources(const std::vector<std::string>& known) {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] {
+    return stopping_ || std::any_of(sources_.begin(), sources_.end(), [&](const std::string& s) {
+             return std::find(known.begin(), known.end(), s) == known.end();
+           });
+  });
+  if (stopping_)
+    return {};
+  return sources_;
+}
+
+// One source's calls, answered by the service that holds them all. It holds
+// the service weakly: once the service is gone, it answers as one with
+// nothing to offer.
+class CacheDirService::SourceService final : public kit::Service {
+ public:
+  SourceService(std::weak_ptr<CacheDirService> service, std::string source)
+      : service_(std::move(service)), source_(std::move(source)) {}
+
+  void purgeable(std::int32_t urgency, const Value& info, DictionaryReply reply) override {
+    if (auto service = service_.lock())
+      service->purgeable(source_, urgency, info, std::move(reply));
+    else
+      kit::Service::purgeable(urgency, info, std::move(reply));
+  }
+  void purge(std::int32_t urgency, const Value& info, DictionaryReply reply) override {
+    if (auto service = service_.lock())
+      service->purge(source_, urgency, info, std::move(reply));
+    else
+      kit::Service::purge(urgency, info, std::move(reply));
+  }
+  void periodic(std::int32_t urgency, const Value& info, DictionaryReply reply) override {
+    if (auto service = service_.lock())
+      service->periodic(source_, info, std::move(reply));
+    else
+      kit::Service::periodic(urgency, info, std::move(reply));
+  }
+  void cancelPurge() override {
+    if (auto service = service_.lock())
+      service->cancelPurge(source_);
+  }
+
+ private:
+  std::weak_ptr<CacheDirService> service_;
+  const std::string source_;
+};
+
+std::shared_ptr<kit::Service> CacheDirService::sourceService(const std::string& source) {
+  return std::make_shared<SourceService>(weak_from_this(), source);
 }
 
 }  // namespace vantor::cachedir

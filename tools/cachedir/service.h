@@ -14,8 +14,10 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -29,9 +31,13 @@ namespace vantor::cachedir {
 // 4; others are clamped), before the directory's own "MinimumAge" applies.
 std::int64_t unusedFor(std::int32_t urgency);
 
-class CacheDirService final : public kit::Service {
+class CacheDirService final : public kit::Service,
+                              public std::enable_shared_from_this<CacheDirService> {
  public:
-  CacheDirService(std::filesystem::path configDir, std::chrono::seconds scanInterval);
+  // `load` reads the configuration, at start and on each reload; `where`
+  // names it in the log.
+  CacheDirService(std::function<Config()> load, std::string where,
+                  std::chrono::seconds scanInterval);
   ~CacheDirService() override;
 
   // Stops the scan and work threads, a purge under way between two files,
@@ -44,10 +50,26 @@ class CacheDirService final : public kit::Service {
   // Re-reads the configuration, then rescans.
   void reload();
 
+  // Answers for every source together.
   void purgeable(std::int32_t urgency, const Value& info, DictionaryReply reply) override;
   void purge(std::int32_t urgency, const Value& info, DictionaryReply reply) override;
   void periodic(std::int32_t urgency, const Value& info, DictionaryReply reply) override;
   void cancelPurge() override;
+
+  // The same for one source ("" for all of them).
+  void purgeable(const std::string& source, std::int32_t urgency, const Value& info,
+                 DictionaryReply reply);
+  void purge(const std::string& source, std::int32_t urgency, const Value& info,
+             DictionaryReply reply);
+  void periodic(const std::string& source, const Value& info, DictionaryReply reply);
+  void cancelPurge(const std::string& source);
+
+  // One source as a service of its own, to be checked in under its own ID.
+  std::shared_ptr<kit::Service> sourceService(const std::string& source);
+
+  // Waits until the configuration names sources beyond the `known` ones, and
+  // answers all it names; empty once the service stops.
+  std::vector<std::string> awaitSources(const std::vector<std::string>& known);
   // {"Rescan": true}: answers once a scan that started after the call is
   // published, with {"Directories": [paths], "Files": count, "Bytes": total}.
   void callback(const Value& info, DictionaryReply reply) override;
@@ -56,6 +78,7 @@ class CacheDirService final : public kit::Service {
   struct Snapshot {
     std::vector<std::shared_ptr<const RootIndex>> roots;
   };
+  class SourceService;
   struct PendingReply {
     std::uint64_t generation;
     std::shared_ptr<std::atomic<bool>> answered;
@@ -75,9 +98,13 @@ class CacheDirService final : public kit::Service {
                 std::shared_ptr<const Snapshot>* fresh);
   // Waits for the first snapshot; null when the service stops or `gone()`.
   std::shared_ptr<const Snapshot> firstSnapshot(const std::function<bool()>& gone);
-  static std::vector<const RootIndex*> rootsOn(const Snapshot& snapshot, const Value& info);
+  static std::vector<const RootIndex*> rootsOn(const Snapshot& snapshot, const Value& info,
+                                               const std::string& source);
+  // The cancel count of `source`, which its cancels raise.
+  std::shared_ptr<std::atomic<std::uint64_t>> cancelsOf(const std::string& source);
 
-  const std::filesystem::path configDir_;
+  const std::function<Config()> load_;
+  const std::string where_;
   const std::chrono::seconds scanInterval_;
 
   std::mutex mutex_;
@@ -91,6 +118,8 @@ class CacheDirService final : public kit::Service {
   std::vector<PendingReply> pending_;
   std::deque<std::function<void()>> jobs_;
   std::atomic<std::uint64_t> cancelGeneration_{0};
+  std::map<std::string, std::shared_ptr<std::atomic<std::uint64_t>>> sourceCancels_;
+  std::vector<std::string> sources_;  // named by the configuration last read
   std::atomic<bool> stopFlag_{false};
 
   std::thread scanner_;

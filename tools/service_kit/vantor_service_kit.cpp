@@ -71,8 +71,10 @@ class PendingResult {
 class ServiceHost::Adaptor final
     : public sdbus::AdaptorInterfaces<com::tessaly::vantor::Service_adaptor> {
  public:
-  Adaptor(sdbus::IConnection& connection, std::shared_ptr<Service> service)
-      : AdaptorInterfaces(connection, dbus::kServiceObjectPath), service_(std::move(service)) {
+  using Resolver = std::function<std::shared_ptr<Service>(const std::string& destination)>;
+
+  Adaptor(sdbus::IConnection& connection, const std::string& path, Resolver resolve)
+      : AdaptorInterfaces(connection, path), resolve_(std::move(resolve)) {
     registerAdaptor();
   }
   ~Adaptor() { unregisterAdaptor(); }
@@ -90,42 +92,51 @@ class ServiceHost::Adaptor final
 
   void ServicePurgeable(sdbus::Result<VariantMap>&& result, std::int32_t urgency,
                         VariantMap info) override {
-    service_->purgeable(urgency, Value(fromVariantMap(info)),
-                        dictionaryReply(share(std::move(result))));
+    service()->purgeable(urgency, Value(fromVariantMap(info)),
+                         dictionaryReply(share(std::move(result))));
   }
   void ServicePurge(sdbus::Result<VariantMap>&& result, std::int32_t urgency,
                     VariantMap info) override {
-    service_->purge(urgency, Value(fromVariantMap(info)),
-                    dictionaryReply(share(std::move(result))));
+    service()->purge(urgency, Value(fromVariantMap(info)),
+                     dictionaryReply(share(std::move(result))));
   }
   void ServicePeriodic(sdbus::Result<VariantArray>&& result, std::int32_t urgency,
                        VariantMap info) override {
     auto r = share(std::move(result));
-    service_->periodic(urgency, Value(fromVariantMap(info)),
-                       [r](Value v) { r->answer(toOptionalVariant(v)); });
+    service()->periodic(urgency, Value(fromVariantMap(info)),
+                        [r](Value v) { r->answer(toOptionalVariant(v)); });
   }
   void ServiceCancelPurge(sdbus::Result<>&& result) override {
-    service_->cancelPurge();
+    service()->cancelPurge();
     result.returnResults();
   }
   void ServicePing(sdbus::Result<>&& result) override {
     auto r = share(std::move(result));
-    service_->ping([r] { r->answer(); });
+    service()->ping([r] { r->answer(); });
   }
   void ServiceNotify(sdbus::Result<>&& result, VariantMap notification) override {
-    service_->notify(Value(fromVariantMap(notification)));
+    service()->notify(Value(fromVariantMap(notification)));
     result.returnResults();
   }
   void ServiceCallback(sdbus::Result<VariantMap>&& result, VariantMap info) override {
-    service_->callback(Value(fromVariantMap(info)), dictionaryReply(share(std::move(result))));
+    service()->callback(Value(fromVariantMap(info)), dictionaryReply(share(std::move(result))));
   }
 
-  std::shared_ptr<Service> service_;
+  // The service of the call being handled: the object's own, or the one
+  // its destination names.
+  std::shared_ptr<Service> service() {
+    const sdbus::Message* message = getObject().getCurrentlyProcessedMessage();
+    return resolve_(message != nullptr ? message->getDestination() : std::string());
+  }
+
+  Resolver resolve_;
 };
 
 ServiceHost::ServiceHost(std::shared_ptr<Service> service, std::optional<std::string> busName)
     : service_(std::move(service)), connection_(dbus::openSystemBus()) {
-  adaptor_ = std::make_unique<Adaptor>(*connection_, service_);
+  adaptor_ = std::make_unique<Adaptor>(
+      *connection_, dbus::kServiceObjectPath,
+      [this](const std::string& destination) { return serviceFor(destination); });
   if (busName)
     connection_->requestName(*busName);
   connection_->enterEventLoopAsync();
@@ -134,6 +145,26 @@ ServiceHost::ServiceHost(std::shared_ptr<Service> service, std::optional<std::st
 ServiceHost::~ServiceHost() {
   connection_->leaveEventLoop();
   adaptor_.reset();
+  added_.clear();
+}
+
+std::shared_ptr<Service> ServiceHost::serviceFor(const std::string& destination) {
+  std::lock_guard lock(routesMutex_);
+  auto it = byBusName_.find(destination);
+  return it != byBusName_.end() ? it->second : service_;
+}
+
+void ServiceHost::addService(std::shared_ptr<Service> service, const std::string& objectPath,
+                             std::optional<std::string> busName) {
+  added_.push_back(std::make_unique<Adaptor>(*connection_, objectPath,
+                                             [service](const std::string&) { return service; }));
+  if (busName) {
+    {
+      std::lock_guard lock(routesMutex_);
+      byBusName_[*busName] = service;
+    }
+    connection_->requestName(*busName);
+  }
 }
 
 std::string ServiceHost::uniqueName() const {
@@ -164,7 +195,7 @@ Value ServiceHost::checkIn(const CheckinRequest& request, std::chrono::milliseco
       .withTimeout(timeout)
       .withArguments(request.id,
                      sdbus::Struct<std::string, sdbus::ObjectPath>{
-                         uniqueName(), sdbus::ObjectPath(dbus::kServiceObjectPath)},
+                         uniqueName(), sdbus::ObjectPath(request.objectPath)},
                      toVariantMap(info))
       .uponReplyInvoke([outcome](const sdbus::Error* error, VariantMap reply) {
         std::lock_guard lock(outcome->mutex);

@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -52,6 +53,9 @@ class Service {
 
 struct CheckinRequest {
   std::string id;  // the service's identifier, e.g. "com.example.thumbnails"
+  // Where vantord reaches the service: this object path on the host's unique
+  // name. A service added with addService() gives its own path here.
+  std::string objectPath = "/com/tessaly/vantor/Service";
   bool purge = true;
   bool periodic = false;
   std::vector<std::string> notifications;  // e.g. {"VANTOR_CACHE_ENABLED"}
@@ -67,6 +71,16 @@ class ServiceHost {
   ~ServiceHost();
   ServiceHost(const ServiceHost&) = delete;
   ServiceHost& operator=(const ServiceHost&) = delete;
+
+  // Serves one more service from the same connection, for a process that
+  // offers several sources of data, each under an ID of its own. It is
+  // exported on `objectPath` (below /com/tessaly/vantor/Service), to check in
+  // with; and when `busName` is given, the host takes that name too and
+  // hands calls addressed to it on /com/tessaly/vantor/Service to `service`,
+  // as a descriptor file naming that ID (and D-Bus activation) expects.
+  // Throws sdbus::Error when the path is taken or the name refused.
+  void addService(std::shared_ptr<Service> service, const std::string& objectPath,
+                  std::optional<std::string> busName = std::nullopt);
 
   // Checks in with vantord. Returns its reply: {"VANTOR_ID", "ANON"} for a
   // new registration, an empty dictionary when a descriptor file already
@@ -85,9 +99,15 @@ class ServiceHost {
 
  private:
   class Adaptor;
+  // The service a call on /com/tessaly/vantor/Service is for, by the bus
+  // name it was addressed to.
+  std::shared_ptr<Service> serviceFor(const std::string& destination);
   std::shared_ptr<Service> service_;
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<Adaptor> adaptor_;
+  std::vector<std::unique_ptr<Adaptor>> added_;
+  std::mutex routesMutex_;
+  std::map<std::string, std::shared_ptr<Service>> byBusName_;
   std::mutex runMutex_;
   std::condition_variable runCv_;
   bool stopped_ = false;
