@@ -1,7 +1,6 @@
 // The cache-directory service's configuration: one input is the one file of
 // its configuration directory. Every accepted directory must have passed the
-// service's own safety check and
-// belong to a source with a valid name.
+// service's own safety check and belong to a source with a valid name.
 
 #include <cstddef>
 #include <cstdint>
