@@ -105,6 +105,29 @@ class CacheDir : public ::testing::Test {
     return true;
   }
 
+  // Starts a user's instance for `home`, which owns no name; it is up once
+  // its sources have checked in with the daemon.
+  void startUser(const fs::path& home) {
+    std::map<std::string, std::string> env = env_;
+    env["ZEPHON_SIMULATOR_ROOT"] = ctx_.root().string();
+    env["DBUS_SYSTEM_BUS_ADDRESS"] = ctx_.busAddress();
+    env["HOME"] = home.string();
+    service_ =
+        std::make_unique<ChildProcess>(std::vector<std::string>{kBinary, "--user"}, env, logFile());
+  }
+
+  // Waits until the log shows each of `ids` checked in.
+  bool checkedIn(const std::vector<std::string>& ids) {
+    return waitUntil(
+        [&] {
+          const std::string text = log();
+          return std::all_of(ids.begin(), ids.end(), [&](const std::string& id) {
+            return text.find("checked in " + id + "\n") != std::string::npos;
+          });
+        },
+        seconds(30));
+  }
+
   // Starts the service in a mount namespace of its own after running `setup`
   // there, so that the mounts it makes are seen by the service alone.
   bool startWithMounts(const std::string& setup) {
@@ -670,14 +693,7 @@ TEST_F(CacheDir, EachSourceChecksInUnderItsOwnIdAndFreesRealBytesThroughTheDaemo
   ASSERT_TRUE(ctx_.startDaemon());
   ASSERT_TRUE(start());
   const std::string test = std::string(kName) + ".test", second = std::string(kName) + ".second";
-  ASSERT_TRUE(waitUntil(
-      [&] {
-        const std::string text = log();
-        return text.find("checked in " + test) != std::string::npos &&
-               text.find("checked in " + second) != std::string::npos;
-      },
-      seconds(30)))
-      << "the sources did not check in";
+  ASSERT_TRUE(checkedIn({test, second})) << "the sources did not check in";
   rescan();
   auto client = ctx_.connect();
   const Value volume(volumeHolding(cache_));
@@ -707,6 +723,37 @@ TEST_F(CacheDir, EachSourceChecksInUnderItsOwnIdAndFreesRealBytesThroughTheDaemo
   // at least most of what went.
   EXPECT_GT(purged.at("VANTOR_FREESPACE_END").uint64Value(),
             purged.at("VANTOR_FREESPACE_BEGIN").uint64Value() + each);
+}
+
+// A user's instance checks in its own sources under the user's ID: the
+// thumbnails, the tagged caches below ~/.cache and the Trash.
+TEST_F(CacheDir, AUserInstanceChecksInTheUsersSources) {
+  ctx_.grantUser("me.plist", ::getuid(),
+                 {"CLIENT_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT", "SERVICE_ENTITLEMENT"});
+  const fs::path home = ctx_.root().parent_path() / "home";
+  makeFile(home / ".cache/thumbnails/large/a.png", 1 << 20, 40 * kDay);
+  writeTag(home / ".cache/app");
+  makeFile(home / ".cache/app/blob", 2 << 20, 40 * kDay);
+  ::sync();
+  ASSERT_TRUE(ctx_.startDaemon());
+  startUser(home);
+  const std::string prefix = std::string(kName) + ".user" + std::to_string(::getuid()) + ".";
+  ASSERT_TRUE(checkedIn({prefix + "thumbnails", prefix + "cache"}));
+  auto client = ctx_.connect();
+  Value::Dictionary offered;
+  // The first scan may still be under way when the sources check in.
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        offered = callClient(
+            *client, "ClientItemizedPurgeableSpace",
+            {{"VANTOR_VOLUME", Value(volumeHolding(home))}, {"VANTOR_URGENCY", Value(1)}});
+        return offered[prefix + "cache"].uint64Value() > 0;
+      },
+      seconds(30)));
+  EXPECT_EQ(offered[prefix + "thumbnails"],
+            Value(allocated(home / ".cache/thumbnails/large/a.png")))
+      << Value(offered).description();
+  EXPECT_EQ(offered[prefix + "cache"], Value(allocated(home / ".cache/app/blob")));
 }
 
 }  // namespace
