@@ -204,6 +204,19 @@ TEST_F(CommandSourceTest, ConfigurationFilesAreRefusedMaskedAndOverridden) {
                                                         {"shipped", "/bin/true"}}));
 }
 
+TEST_F(CommandSourceTest, ShippedExamplesAreReadWithoutComplaint) {
+  const fs::path examples =
+      fs::path(VANTOR_TEST_FIXTURES_DIR) / "../../dist/cachedir/examples/commands.d";
+  int count = 0;
+  for (const auto& entry : fs::directory_iterator(examples)) {
+    // As installed: root's, mode 0644.
+    const fs::path copy = write(entry.path().filename(), readText(entry.path()));
+    EXPECT_TRUE(readCommandSpec(copy)) << entry.path();
+    ++count;
+  }
+  EXPECT_GT(count, 0);
+}
+
 fs::path journalRemote() {
   for (const char* path :
        {"/lib/systemd/systemd-journal-remote", "/usr/lib/systemd/systemd-journal-remote"}) {
