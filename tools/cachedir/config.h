@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "command_source.h"
 #include "safe_fs.h"
 
 namespace vantor::cachedir {
@@ -49,6 +50,7 @@ struct TaggedTree {
 struct Config {
   std::vector<DirPolicy> directories;
   std::vector<TaggedTree> taggedBelow;
+  std::vector<CommandSpec> commands;
   std::vector<std::string> sources;  // every source named, in file order
 };
 

@@ -142,8 +142,18 @@ std::shared_ptr<vantor::cachedir::CacheDirService> makeService(const Mode& mode)
   namespace cd = vantor::cachedir;
   if (!mode.user) {
     const std::filesystem::path dir = cd::configDirectory();
-    return std::make_shared<cd::CacheDirService>([dir] { return cd::loadConfig(dir); },
-                                                 dir.string(), scanInterval());
+    return std::make_shared<cd::CacheDirService>(
+        [dir] {
+          cd::Config config = cd::loadConfig(dir);
+          config.commands = cd::loadCommandSources(cd::configurationRoot());
+          for (const cd::CommandSpec& command : config.commands) {
+            if (std::find(config.sources.begin(), config.sources.end(), command.name) ==
+                config.sources.end())
+              config.sources.push_back(command.name);
+          }
+          return config;
+        },
+        dir.string() + " and commands.d", scanInterval());
   }
   const std::filesystem::path dir = cd::userConfigDirectory(mode.home);
   const std::filesystem::path home = mode.home;

@@ -210,7 +210,8 @@ void CacheDirService::scanOnce(Config& config, bool reload, const Snapshot* prev
     config = load_();
     log(Priority::kInfo, "configuration " + where_ + ": " +
                              std::to_string(config.directories.size()) + " directories, " +
-                             std::to_string(config.taggedBelow.size()) + " tagged trees");
+                             std::to_string(config.taggedBelow.size()) + " tagged trees, " +
+                             std::to_string(config.commands.size()) + " commands");
   }
   if (reload) {
     std::lock_guard lock(mutex_);
@@ -224,10 +225,26 @@ void CacheDirService::scanOnce(Config& config, bool reload, const Snapshot* prev
       policies.push_back(std::move(tagged));
     }
   }
-  *fresh = scanAll(policies, previous);
+  auto snapshot = scanAll(policies, previous);
+  // Purgeable answers read what the commands measured here, so that none of
+  // them waits for a command.
+  for (const CommandSpec& spec : config.commands) {
+    if (stopFlag_.load())
+      break;
+    Command command{std::make_shared<const CommandSource>(spec)};
+    struct stat st;
+    const std::string on = spec.required.empty() ? "/" : spec.required.front();
+    command.dev = ::stat(on.c_str(), &st) == 0 ? st.st_dev : 0;
+    const auto measured = command.source->measure([this] { return stopFlag_.load(); });
+    if (!measured)
+      log(Priority::kWarning, spec.name + ": the measurement failed; it offers nothing");
+    command.measured = measured.value_or(0);
+    snapshot->commands.push_back(std::move(command));
+  }
+  *fresh = std::move(snapshot);
 }
 
-std::shared_ptr<const CacheDirService::Snapshot> CacheDirService::scanAll(
+std::shared_ptr<CacheDirService::Snapshot> CacheDirService::scanAll(
     const std::vector<DirPolicy>& policies, const Snapshot* previous) {
   std::map<std::string, const RootIndex*> last;
   if (previous != nullptr) {
@@ -311,6 +328,25 @@ std::shared_ptr<const CacheDirService::Snapshot> CacheDirService::firstSnapshot(
   return snapshot_;
 }
 
+std::vector<const CacheDirService::Command*> CacheDirService::commandsOn(
+    const Snapshot& snapshot, const Value& info, const std::string& source) {
+  std::vector<const Command*> commands;
+  const Value* volume = info.find("VANTOR_VOLUME");
+  std::optional<dev_t> dev;
+  if (volume != nullptr) {
+    struct stat st;
+    const std::string* path = volume->asString();
+    if (path == nullptr || ::stat(path->c_str(), &st) != 0)
+      return commands;
+    dev = st.st_dev;
+  }
+  for (const Command& command : snapshot.commands) {
+    if ((!dev || command.dev == *dev) && (source.empty() || command.source->spec().name == source))
+      commands.push_back(&command);
+  }
+  return commands;
+}
+
 std::vector<const RootIndex*> CacheDirService::rootsOn(const Snapshot& snapshot, const Value& info,
                                                        const std::string& source) {
   std::vector<const RootIndex*> roots;
@@ -349,10 +385,14 @@ void CacheDirService::cancelPurge() {
 void CacheDirService::purgeable(const std::string& source, std::int32_t urgency, const Value& info,
                                 DictionaryReply reply) {
   const std::int64_t unused = unusedFor(urgency);
-  auto answer = [info, unused, reply, source](const Snapshot& snapshot) {
+  auto answer = [info, unused, reply, source, urgency](const Snapshot& snapshot) {
     std::uint64_t bytes = 0;
     for (const RootIndex* root : rootsOn(snapshot, info, source))
       bytes += root->bytesUsedBefore(usedBefore(root->policy, unused));
+    for (const Command* command : commandsOn(snapshot, info, source)) {
+      if (urgency >= command->source->spec().minimumUrgency)
+        bytes += command->measured;
+    }
     reply(amountReply(bytes));
   };
   std::shared_ptr<const Snapshot> snapshot;
@@ -400,6 +440,12 @@ void CacheDirService::purge(const std::string& source, std::int32_t urgency, con
             {std::shared_ptr<const RootIndex>(snapshot, root), usedBefore(root->policy, unused)});
       }
       outcome = deleteOldest(targets, amount, cancelled);
+      // Then the commands, for what the files did not free.
+      for (const Command* command : commandsOn(*snapshot, info, source)) {
+        if (outcome.freed >= amount || cancelled())
+          break;
+        outcome.freed += command->source->purge(urgency, amount - outcome.freed, cancelled);
+      }
       requestScan();
     }
     log(Priority::kInfo, (source.empty() ? std::string() : source + ": ") + "purge at urgency " +
@@ -437,6 +483,11 @@ void CacheDirService::periodic(const std::string& source, const Value& info,
           log(Priority::kInfo,
               "daily run freed " + std::to_string(rootFreed) + " bytes in \"" + policy.path + "\"");
         freed += rootFreed;
+      }
+      for (const Command* command : commandsOn(*snapshot, info, source)) {
+        if (stopped())
+          break;
+        freed += command->source->periodic(stopped);
       }
       requestScan();
     }

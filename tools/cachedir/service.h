@@ -75,8 +75,15 @@ class CacheDirService final : public kit::Service,
   void callback(const Value& info, DictionaryReply reply) override;
 
  private:
+  // A command source with what it measured at the last scan.
+  struct Command {
+    std::shared_ptr<const CommandSource> source;
+    dev_t dev = 0;  // the volume of its first "Requires" path, else of `/`
+    std::uint64_t measured = 0;
+  };
   struct Snapshot {
     std::vector<std::shared_ptr<const RootIndex>> roots;
+    std::vector<Command> commands;
   };
   class SourceService;
   struct PendingReply {
@@ -92,12 +99,15 @@ class CacheDirService final : public kit::Service,
   // process.
   static void runGuarded(const std::function<void()>& job, const char* what);
   std::uint64_t requestScan();
-  std::shared_ptr<const Snapshot> scanAll(const std::vector<DirPolicy>& policies,
-                                          const Snapshot* previous);
+  std::shared_ptr<Snapshot> scanAll(const std::vector<DirPolicy>& policies,
+                                    const Snapshot* previous);
   void scanOnce(Config& config, bool reload, const Snapshot* previous,
                 std::shared_ptr<const Snapshot>* fresh);
   // Waits for the first snapshot; null when the service stops or `gone()`.
   std::shared_ptr<const Snapshot> firstSnapshot(const std::function<bool()>& gone);
+  // The command sources of `source` ("" for all) on the volume of `info`.
+  static std::vector<const Command*> commandsOn(const Snapshot& snapshot, const Value& info,
+                                                const std::string& source);
   static std::vector<const RootIndex*> rootsOn(const Snapshot& snapshot, const Value& info,
                                                const std::string& source);
   // The cancel count of `source`, which its cancels raise.
