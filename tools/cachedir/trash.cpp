@@ -188,7 +188,8 @@ std::uint64_t TrashIndex::bytesDeletedBefore(std::int64_t cutoff) const {
   const auto end =
       std::upper_bound(items.begin(), items.end(), cutoff,
                        [](std::int64_t t, const TrashItem& item) { return t < item.deleted; });
-  return prefix_[static_cast<std::size_t>(end - items.begin())];
+  const auto count = static_cast<std::size_t>(end - items.begin());
+  return count < prefix_.size() ? prefix_[count] : 0;
 }
 
 std::shared_ptr<const TrashIndex> scanTrash(Fd trash, const std::atomic<bool>& stop) {
@@ -207,9 +208,11 @@ std::shared_ptr<const TrashIndex> scanTrash(Fd trash, const std::atomic<bool>& s
     index->complete = false;
 
   if (index->files.valid() && index->info.valid()) {
-    DIR* dir = ::fdopendir(::fcntl(index->files.get(), F_DUPFD_CLOEXEC, 0));
+    Fd listing(::fcntl(index->files.get(), F_DUPFD_CLOEXEC, 0));
+    DIR* dir = listing.valid() ? ::fdopendir(listing.get()) : nullptr;
     if (dir == nullptr)
       return nullptr;
+    listing.release();
     for (;;) {
       if (stop.load(std::memory_order_relaxed)) {
         ::closedir(dir);
