@@ -1,5 +1,6 @@
 #include "safe_fs.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <stdio.h>
@@ -17,7 +18,9 @@
 #include <mutex>
 #include <set>
 #include <string_view>
+#include <vector>
 
+#include "index.h"
 #include "log.h"
 
 namespace vantor::cachedir {
@@ -167,6 +170,19 @@ void putBack(int dirfd, const std::string& aside, const char* name, std::string*
     }
   }
   *keptAs = aside;
+}
+
+// Renames `name` of `dirfd` to a fresh aside name, never replacing a file.
+// False with errno set when it cannot.
+bool takeAside(int dirfd, const char* name, std::string* aside) {
+  *aside = uniqueName(kAsidePrefix);
+  int tries = 4;  // EEXIST: someone made that name first; take the next
+  while (::renameat2(dirfd, name, dirfd, aside->c_str(), RENAME_NOREPLACE) != 0) {
+    if (errno != EEXIST || --tries == 0)
+      return false;
+    *aside = uniqueName(kAsidePrefix);
+  }
+  return true;
 }
 
 }  // namespace
@@ -328,13 +344,8 @@ Removal removeFile(int dirfd, const char* name, const Expected& expected, std::u
   // The rename takes whichever file has the name at that instant, and from
   // then on nobody else has a reason to touch the aside name: what is checked
   // below is what goes.
-  std::string aside = uniqueName(kAsidePrefix);
-  int tries = 4;  // EEXIST: someone made that name first; take the next
-  while (::renameat2(dirfd, name, dirfd, aside.c_str(), RENAME_NOREPLACE) != 0) {
-    if (errno == EEXIST && --tries > 0) {
-      aside = uniqueName(kAsidePrefix);
-      continue;
-    }
+  std::string aside;
+  if (!takeAside(dirfd, name, &aside)) {
     // EBUSY: a mount point. EINVAL: a file system that cannot rename without
     // replacing; its files stay.
     return errno == ENOENT ? Removal::kGone : errno == EBUSY ? Removal::kChanged : Removal::kFailed;
@@ -352,6 +363,172 @@ bool removeEmptyDirectory(int parentfd, const char* name, dev_t dev, ino_t ino,
       st.st_dev != dev || st.st_ino != ino || (owner && st.st_uid != *owner))
     return false;
   return ::unlinkat(parentfd, name, AT_REMOVEDIR) == 0;
+}
+
+namespace {
+
+// A directory of removeTree being emptied: its open stream and its name in
+// the directory below which it sits (the previous frame, or the caller's).
+struct TreeFrame {
+  DIR* dir;
+  std::string name;
+  int depth;
+  int passes = 0;
+  bool removedAny = false;  // in this pass
+};
+
+class TreeStack {
+ public:
+  ~TreeStack() {
+    for (TreeFrame& frame : frames_)
+      ::closedir(frame.dir);
+  }
+  // Takes `fd`; false (with the descriptor closed) when it cannot be read.
+  bool push(Fd fd, std::string name, int depth) {
+    DIR* dir = ::fdopendir(fd.get());
+    if (dir == nullptr)
+      return false;
+    fd.release();
+    frames_.push_back({dir, std::move(name), depth});
+    return true;
+  }
+  bool empty() const { return frames_.empty(); }
+  TreeFrame& top() { return frames_.back(); }
+  // The descriptor of the directory holding the top frame's.
+  int parentOfTop(int outermost) const {
+    return frames_.size() > 1 ? ::dirfd(frames_[frames_.size() - 2].dir) : outermost;
+  }
+  void pop() {
+    ::closedir(frames_.back().dir);
+    frames_.pop_back();
+  }
+
+ private:
+  std::vector<TreeFrame> frames_;
+};
+
+bool isDotOrDotDot(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// Opens the directory `name` of `dirfd`, which statted as `st`, for
+// emptying: still that inode, and writable by its owner when that is us.
+Fd openForEmptying(int dirfd, const char* name, const struct stat& st) {
+  Fd fd = openDirectoryBelow(dirfd, name, st.st_dev);
+  struct stat now;
+  if (!fd.valid() || ::fstat(fd.get(), &now) != 0 || now.st_dev != st.st_dev ||
+      now.st_ino != st.st_ino)
+    return Fd();
+  // A tree that was made read-only, as some build tools leave theirs.
+  constexpr mode_t kOwnerWrites = S_IWUSR | S_IXUSR;
+  if ((now.st_mode & kOwnerWrites) != kOwnerWrites && now.st_uid == ::geteuid())
+    ::fchmod(fd.get(), (now.st_mode & 07777) | kOwnerWrites);
+  return fd;
+}
+
+std::uint64_t allocatedBytes(const struct stat& st) {
+  return static_cast<std::uint64_t>(st.st_blocks) * 512;
+}
+
+// Empties and removes the directory `aside` of `parentfd`, opened as `top`.
+// kRemoved when it went, kKept when something stayed. What stays is simply
+// skipped: the directories above it then fail to go.
+TreeRemoval removeDirectory(int parentfd, const std::string& aside, Fd top, dev_t dev,
+                            std::optional<std::uint64_t> mount,
+                            const std::function<bool()>& cancelled, std::uint64_t* freed) {
+  bool removed = false;
+  TreeStack stack;
+  if (!stack.push(std::move(top), aside, 0))
+    return TreeRemoval::kKept;
+  while (!stack.empty()) {
+    if (cancelled())
+      return TreeRemoval::kCancelled;
+    TreeFrame& frame = stack.top();
+    const int dirfd = ::dirfd(frame.dir);
+    errno = 0;
+    const struct dirent* entry = ::readdir(frame.dir);
+    if (entry == nullptr) {
+      struct stat own;
+      const bool statted = errno == 0 && ::fstat(dirfd, &own) == 0;
+      const int parent = stack.parentOfTop(parentfd);
+      if (statted && ::unlinkat(parent, frame.name.c_str(), AT_REMOVEDIR) == 0) {
+        *freed += allocatedBytes(own);
+        stack.pop();
+        if (stack.empty())
+          removed = true;
+        else
+          stack.top().removedAny = true;
+        continue;
+      }
+      // Some file systems skip entries when the directory changes while
+      // it is read: another pass finds them, as long as passes remove some.
+      if (statted && (errno == ENOTEMPTY || errno == EEXIST) && frame.removedAny &&
+          ++frame.passes < 4) {
+        ::rewinddir(frame.dir);
+        frame.removedAny = false;
+        continue;
+      }
+      stack.pop();
+      continue;
+    }
+    const char* name = entry->d_name;
+    if (isDotOrDotDot(name))
+      continue;
+    struct stat st;
+    // A mount point or something on another device stays, and so do the
+    // directories above it, which cannot be emptied.
+    if (!statOnMount(dirfd, name, mount, entry->d_ino, &st) || st.st_dev != dev)
+      continue;
+    if (S_ISDIR(st.st_mode)) {
+      if (frame.depth + 1 <= Scanner::kMaxDepth) {
+        if (Fd sub = openForEmptying(dirfd, name, st); sub.valid())
+          stack.push(std::move(sub), name, frame.depth + 1);
+      }
+      continue;
+    }
+    // Symbolic links included: unlinking one removes the link alone.
+    if (::unlinkat(dirfd, name, 0) != 0)
+      continue;
+    frame.removedAny = true;
+    // A file with other links frees nothing until its last one goes.
+    if (st.st_nlink == 1)
+      *freed += allocatedBytes(st);
+  }
+  return removed ? TreeRemoval::kRemoved : TreeRemoval::kKept;
+}
+
+}  // namespace
+
+TreeRemoval removeTree(int parentfd, const char* name, dev_t dev,
+                       std::optional<std::uint64_t> mount, const std::function<bool()>& cancelled,
+                       std::uint64_t* freed, std::string* keptAs) {
+  *freed = 0;
+  // As in removeFile: from the rename on, the tree has a name only this
+  // process uses, and what is checked below is what goes.
+  std::string aside;
+  if (!takeAside(parentfd, name, &aside)) {
+    return errno == ENOENT  ? TreeRemoval::kGone
+           : errno == EBUSY ? TreeRemoval::kKept  // a mount point
+                            : TreeRemoval::kFailed;
+  }
+  TreeRemoval removal = TreeRemoval::kKept;
+  struct stat st;
+  // A mount point cannot be renamed, so the aside name is on our mount.
+  if (::fstatat(parentfd, aside.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_dev != dev) {
+    removal = TreeRemoval::kKept;
+  } else if (!S_ISDIR(st.st_mode)) {
+    if (::unlinkat(parentfd, aside.c_str(), 0) == 0) {
+      if (st.st_nlink == 1)
+        *freed = allocatedBytes(st);
+      return TreeRemoval::kRemoved;
+    }
+  } else if (Fd top = openForEmptying(parentfd, aside.c_str(), st); top.valid()) {
+    removal = removeDirectory(parentfd, aside, std::move(top), dev, mount, cancelled, freed);
+    if (removal == TreeRemoval::kRemoved)
+      return removal;
+  }
+  putBack(parentfd, aside, name, keptAs);
+  return removal;
 }
 
 }  // namespace vantor::cachedir

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -108,5 +109,29 @@ Removal removeFile(int dirfd, const char* name, const Expected& expected, std::u
 // inode `dev`/`ino` and, when `owner` is set, owned by them.
 bool removeEmptyDirectory(int parentfd, const char* name, dev_t dev, ino_t ino,
                           std::optional<uid_t> owner);
+
+enum class TreeRemoval {
+  kRemoved,    // the entry and everything below it went
+  kGone,       // there was no such entry
+  kKept,       // all or part of it stays, back under its name
+  kCancelled,  // stopped between two entries; what remains is back under its name
+  kFailed,     // it could not be taken aside; nothing was touched
+};
+
+// Removes the entry `name` of `parentfd` and, when it is a directory,
+// everything below it, depth first. The entry is first renamed aside as by
+// removeFile, so that the tree removed is the one that was checked; whatever
+// cannot go is renamed back (or kept as in removeFile, told in `*keptAs`).
+// Below it, every directory is opened with openDirectoryBelow and every entry
+// statted with statOnMount: symbolic links are unlinked, never followed, and
+// nothing on another device than `dev` or another mount than `mount` is
+// entered or removed, so a mount point inside stays, and with it its
+// parents. Directories of the caller that deny their owner writing are made
+// writable first. Directories deeper than Scanner::kMaxDepth stay (one
+// descriptor is held per level). `cancelled` is asked before every entry.
+// `*freed` receives the allocated bytes removed, also when not all went.
+TreeRemoval removeTree(int parentfd, const char* name, dev_t dev,
+                       std::optional<std::uint64_t> mount, const std::function<bool()>& cancelled,
+                       std::uint64_t* freed, std::string* keptAs);
 
 }  // namespace vantor::cachedir
