@@ -11,9 +11,11 @@
 
 #include <atomic>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <future>
 #include <mutex>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -146,6 +148,16 @@ class CacheDir : public ::testing::Test {
     return c;
   }
 
+  sdbus::IConnection* connection() {
+    if (!connection_)
+      connection_ = ctx_.connect();
+    return connection_.get();
+  }
+  sdbus::IConnection* connection() {
+    if (!connection_)
+      connection_ = ctx_.connect();
+    return connection_.get();
+  }
   fs::path logFile() const { return ctx_.root().parent_path() / "cachedir.log"; }
   std::string log() const { return readText(logFile()); }
 
@@ -725,20 +737,34 @@ TEST_F(CacheDir, EachSourceChecksInUnderItsOwnIdAndFreesRealBytesThroughTheDaemo
             purged.at("VANTOR_FREESPACE_BEGIN").uint64Value() + each);
 }
 
+// Writes a trashed file of `size` bytes, trashed `age` seconds ago.
+void trashFile(const fs::path& trash, const std::string& name, std::size_t size, std::int64_t age) {
+  makeFile(trash / "files" / name, size, 0);
+  const std::time_t when = std::time(nullptr) - age;
+  char date[32];
+  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", std::localtime(&when));
+  std::ofstream(trash / "info" / (name + ".trashinfo"))
+      << "[Trash Info]\nPath=/home/u/" << name << "\nDeletionDate=" << date << "\n";
+}
+
 // A user's instance checks in its own sources under the user's ID: the
-// thumbnails, the tagged caches below ~/.cache and the Trash.
-TEST_F(CacheDir, AUserInstanceChecksInTheUsersSources) {
+// thumbnails, the tagged caches below ~/.cache and the Trash, whose items go
+// by the date they were trashed, each with its record.
+TEST_F(CacheDir, AUserInstanceChecksInTheUsersSourcesAndEmptiesTheTrashByDeletionDate) {
   ctx_.grantUser("me.plist", ::getuid(),
                  {"CLIENT_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT", "SERVICE_ENTITLEMENT"});
   const fs::path home = ctx_.root().parent_path() / "home";
+  const fs::path trash = home / ".local/share/Trash";
   makeFile(home / ".cache/thumbnails/large/a.png", 1 << 20, 40 * kDay);
   writeTag(home / ".cache/app");
   makeFile(home / ".cache/app/blob", 2 << 20, 40 * kDay);
+  trashFile(trash, "old.iso", 3 << 20, 40 * kDay);
+  trashFile(trash, "recent.txt", 1 << 20, 2 * kDay);
   ::sync();
   ASSERT_TRUE(ctx_.startDaemon());
   startUser(home);
   const std::string prefix = std::string(kName) + ".user" + std::to_string(::getuid()) + ".";
-  ASSERT_TRUE(checkedIn({prefix + "thumbnails", prefix + "cache"}));
+  ASSERT_TRUE(checkedIn({prefix + "thumbnails", prefix + "cache", prefix + "trash"}));
   auto client = ctx_.connect();
   Value::Dictionary offered;
   // The first scan may still be under way when the sources check in.
@@ -754,6 +780,26 @@ TEST_F(CacheDir, AUserInstanceChecksInTheUsersSources) {
             Value(allocated(home / ".cache/thumbnails/large/a.png")))
       << Value(offered).description();
   EXPECT_EQ(offered[prefix + "cache"], Value(allocated(home / ".cache/app/blob")));
+  const std::uint64_t old =
+      allocated(trash / "files/old.iso") + allocated(trash / "info/old.iso.trashinfo");
+  EXPECT_EQ(offered[prefix + "trash"], Value(old));
+
+  // The Trash source itself, at the path it checked in with on the
+  // instance's own connection: at urgency 2 (a week unused) the old item goes
+  // with its record and the recent one stays with its own.
+  std::smatch unique;
+  const std::string text = log();
+  ASSERT_TRUE(std::regex_search(text, unique, std::regex(" as (:[0-9.]+)")));
+  auto trashProxy =
+      sdbus::createProxy(*connection(), unique[1].str(), "/com/tessaly/vantor/Service/trash");
+  const auto purged = fromVariantMap(
+      invokeOn<VariantMap>(*trashProxy, "ServicePurge", 2,
+                           toVariantMap({{"VANTOR_AMOUNT", Value(std::uint64_t{1} << 40)}})));
+  EXPECT_EQ(purged.at("VANTOR_AMOUNT"), Value(old));
+  EXPECT_FALSE(fs::exists(trash / "files/old.iso"));
+  EXPECT_FALSE(fs::exists(trash / "info/old.iso.trashinfo"));
+  EXPECT_TRUE(fs::exists(trash / "files/recent.txt"));
+  EXPECT_TRUE(fs::exists(trash / "info/recent.txt.trashinfo"));
 }
 
 }  // namespace

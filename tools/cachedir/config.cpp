@@ -80,6 +80,20 @@ void addEntry(const Value& entry, const std::string& where, const std::string& f
     }
     below = normalPath(*path);
   }
+  if (const Value* trash = entry.find("Trash")) {
+    const std::string* path = trash->asString();
+    if (path == nullptr || below || entry.find("Path") != nullptr) {
+      log(Priority::kError, where + ": \"Trash\" is not a path of its own, entry skipped");
+      return;
+    }
+    if (auto reason = refusalReason(*path)) {
+      log(Priority::kError, where + ": refusing \"" + *path + "\": " + *reason);
+      return;
+    }
+    config->trashes.push_back({source, normalPath(*path)});
+    named();
+    return;
+  }
   const Value* pathValue = entry.find("Path");
   if (pathValue == nullptr) {
     if (below) {
@@ -204,6 +218,14 @@ Config userDefaults(const std::filesystem::path& home) {
   if (!refusalReason(cache)) {
     config.taggedBelow.push_back({"cache", cache});
     config.sources.push_back("cache");
+  }
+  const char* xdg = std::getenv("XDG_DATA_HOME");
+  const std::filesystem::path data =
+      (xdg != nullptr && *xdg == '/') ? std::filesystem::path(xdg) : home / ".local/share";
+  const std::string trash = normalPath((data / "Trash").string());
+  if (!refusalReason(trash)) {
+    config.trashes.push_back({"trash", trash});
+    config.sources.push_back("trash");
   }
   return config;
 }

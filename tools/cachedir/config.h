@@ -47,9 +47,16 @@ struct TaggedTree {
   std::string below;  // absolute path
 };
 
+// A user's Trash: its items go by the date they were trashed.
+struct TrashDir {
+  std::string source;
+  std::string path;  // absolute
+};
+
 struct Config {
   std::vector<DirPolicy> directories;
   std::vector<TaggedTree> taggedBelow;
+  std::vector<TrashDir> trashes;
   std::vector<CommandSpec> commands;
   std::vector<std::string> sources;  // every source named, in file order
 };
@@ -69,7 +76,7 @@ std::string sourceNameOf(const std::filesystem::path& file);
 bool validSourceName(std::string_view name);
 
 // Reads every *.plist file of `dir` in name order. Each holds a dictionary,
-// or an array of dictionaries, with "Path" or "TaggedBelow", and optionally
+// or an array of dictionaries, with "Path", "TaggedBelow" or "Trash", and optionally
 // "Name", the source the entry belongs to (default: the file's source). An
 // entry with a value of another type than its key's is logged and skipped
 // whole; a missing directory is an empty configuration.
@@ -81,8 +88,9 @@ Config loadConfig(const std::filesystem::path& dir);
 std::optional<std::string> refusalReason(std::string_view path);
 
 // What a user's instance looks after besides its configuration, each a
-// source of its own: "thumbnails" (`home`/.cache/thumbnails) and "cache"
-// (every tagged directory below `home`/.cache).
+// source of its own: "thumbnails" (`home`/.cache/thumbnails), "cache"
+// (every tagged directory below `home`/.cache) and "trash" (the Trash in
+// $XDG_DATA_HOME, by default `home`/.local/share).
 Config userDefaults(const std::filesystem::path& home);
 
 // A user's own configuration: $XDG_CONFIG_HOME/vantor/cachedirs.d, by

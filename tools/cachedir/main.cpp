@@ -214,6 +214,7 @@ int main(int argc, char** argv) {
                                   mode.user ? std::nullopt : std::optional<std::string>(kBusName));
     log(Priority::kInfo,
         "serving " + (mode.user ? mode.idPrefix + "* for " + mode.home.string() : kBusName) +
+            " as " + host.uniqueName() +
             (vantor::cachedir::haveOpenat2() ? "" : " (without openat2)"));
     std::thread([&host, &service, signals] {
       while (true) {

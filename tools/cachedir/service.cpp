@@ -226,6 +226,13 @@ void CacheDirService::scanOnce(Config& config, bool reload, const Snapshot* prev
     }
   }
   auto snapshot = scanAll(policies, previous);
+  for (const TrashDir& trash : config.trashes) {
+    Fd dir = openRootDirectory(trash.path);
+    if (!dir.valid())
+      continue;  // no Trash yet
+    if (auto index = scanTrash(std::move(dir), stopFlag_))
+      snapshot->trashes.push_back({trash.source, std::move(index)});
+  }
   // Purgeable answers read what the commands measured here, so that none of
   // them waits for a command.
   for (const CommandSpec& spec : config.commands) {
@@ -328,6 +335,26 @@ std::shared_ptr<const CacheDirService::Snapshot> CacheDirService::firstSnapshot(
   return snapshot_;
 }
 
+std::vector<const TrashIndex*> CacheDirService::trashesOn(const Snapshot& snapshot,
+                                                          const Value& info,
+                                                          const std::string& source) {
+  std::vector<const TrashIndex*> trashes;
+  const Value* volume = info.find("VANTOR_VOLUME");
+  std::optional<dev_t> dev;
+  if (volume != nullptr) {
+    struct stat st;
+    const std::string* path = volume->asString();
+    if (path == nullptr || ::stat(path->c_str(), &st) != 0)
+      return trashes;
+    dev = st.st_dev;
+  }
+  for (const Trash& trash : snapshot.trashes) {
+    if ((!dev || trash.index->dev == *dev) && (source.empty() || trash.source == source))
+      trashes.push_back(trash.index.get());
+  }
+  return trashes;
+}
+
 std::vector<const CacheDirService::Command*> CacheDirService::commandsOn(
     const Snapshot& snapshot, const Value& info, const std::string& source) {
   std::vector<const Command*> commands;
@@ -389,6 +416,8 @@ void CacheDirService::purgeable(const std::string& source, std::int32_t urgency,
     std::uint64_t bytes = 0;
     for (const RootIndex* root : rootsOn(snapshot, info, source))
       bytes += root->bytesUsedBefore(usedBefore(root->policy, unused));
+    for (const TrashIndex* trash : trashesOn(snapshot, info, source))
+      bytes += trash->bytesDeletedBefore(nowSeconds() - unused);
     for (const Command* command : commandsOn(snapshot, info, source)) {
       if (urgency >= command->source->spec().minimumUrgency)
         bytes += command->measured;
@@ -440,7 +469,16 @@ void CacheDirService::purge(const std::string& source, std::int32_t urgency, con
             {std::shared_ptr<const RootIndex>(snapshot, root), usedBefore(root->policy, unused)});
       }
       outcome = deleteOldest(targets, amount, cancelled);
-      // Then the commands, for what the files did not free.
+      // Then the Trash and the commands, for what the files did not free.
+      for (const TrashIndex* trash : trashesOn(*snapshot, info, source)) {
+        if (outcome.freed >= amount || cancelled())
+          break;
+        const TrashPurgeOutcome went =
+            purgeTrash(*trash, nowSeconds() - unused, amount - outcome.freed, cancelled);
+        outcome.freed += went.freed;
+        outcome.files += went.items;
+        outcome.kept += went.kept;
+      }
       for (const Command* command : commandsOn(*snapshot, info, source)) {
         if (outcome.freed >= amount || cancelled())
           break;

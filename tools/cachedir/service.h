@@ -23,6 +23,7 @@
 
 #include "index.h"
 #include "purger.h"
+#include "trash.h"
 #include "vantor_service_kit.h"
 
 namespace vantor::cachedir {
@@ -81,8 +82,13 @@ class CacheDirService final : public kit::Service,
     dev_t dev = 0;  // the volume of its first "Requires" path, else of `/`
     std::uint64_t measured = 0;
   };
+  struct Trash {
+    std::string source;
+    std::shared_ptr<const TrashIndex> index;
+  };
   struct Snapshot {
     std::vector<std::shared_ptr<const RootIndex>> roots;
+    std::vector<Trash> trashes;
     std::vector<Command> commands;
   };
   class SourceService;
@@ -106,6 +112,8 @@ class CacheDirService final : public kit::Service,
   // Waits for the first snapshot; null when the service stops or `gone()`.
   std::shared_ptr<const Snapshot> firstSnapshot(const std::function<bool()>& gone);
   // The command sources of `source` ("" for all) on the volume of `info`.
+  static std::vector<const TrashIndex*> trashesOn(const Snapshot& snapshot, const Value& info,
+                                                  const std::string& source);
   static std::vector<const Command*> commandsOn(const Snapshot& snapshot, const Value& info,
                                                 const std::string& source);
   static std::vector<const RootIndex*> rootsOn(const Snapshot& snapshot, const Value& info,
