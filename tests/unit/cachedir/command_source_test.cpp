@@ -111,10 +111,12 @@ TEST_F(CommandSourceTest, HangingCommandIsStoppedByItsTimeLimitOrByCancelWithNot
     int timeoutSeconds;
     milliseconds within;
   } cases[] = {
-      {"time limit", false, false, 1, milliseconds(2500)},
-      {"time limit, SIGTERM ignored", true, false, 1, milliseconds(4500)},
-      {"cancel", false, true, 300, milliseconds(1500)},
-      {"cancel, SIGTERM ignored", true, true, 300, milliseconds(3500)},
+      // Bounds far below the command's own 1000 s, with room for a loaded
+      // machine: what they show is that it was stopped, not how fast.
+      {"time limit", false, false, 1, milliseconds(8000)},
+      {"time limit, SIGTERM ignored", true, false, 1, milliseconds(10000)},
+      {"cancel", false, true, 300, milliseconds(8000)},
+      {"cancel, SIGTERM ignored", true, true, 300, milliseconds(10000)},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -139,7 +141,7 @@ TEST_F(CommandSourceTest, HangingCommandIsStoppedByItsTimeLimitOrByCancelWithNot
     ASSERT_GT(sleeper, 0);
     EXPECT_TRUE(gone(shell));
     // The orphaned sleep was killed with its group; its end is asynchronous.
-    const auto deadline = Clock::now() + std::chrono::seconds(2);
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
     while (!gone(sleeper) && Clock::now() < deadline) {
     }
     EXPECT_TRUE(gone(sleeper));
