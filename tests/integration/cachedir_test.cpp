@@ -737,6 +737,64 @@ TEST_F(CacheDir, EachSourceChecksInUnderItsOwnIdAndFreesRealBytesThroughTheDaemo
             purged.at("VANTOR_FREESPACE_BEGIN").uint64Value() + each);
 }
 
+// A command source, root's: measures the files of `dir` and purges with
+// `purge`, a script written here.
+void configureCommand(TestContext& ctx, const std::string& name, const fs::path& dir,
+                      const std::string& purge) {
+  const fs::path script = ctx.root().parent_path() / (name + ".sh");
+  std::ofstream(script) << "#!/bin/sh\n" << purge << "\n";
+  fs::permissions(script, fs::perms(0755));
+  auto bytes =
+      encodePlist(dict({{"Requires", Value(Value::Array{Value(dir.string())})},
+                        {"MeasurePaths", Value(Value::Array{Value((dir / "*").string())})},
+                        {"Purge", Value(Value::Array{Value(script.string()), Value("{bytes}")})}}),
+                  PlistFormat::kXml);
+  ctx.writeFile(ctx.root() / "etc/vantor/commands.d" / (name + ".plist"),
+                std::string(bytes.begin(), bytes.end()));
+}
+
+// What a command source answers is what its measurement shows went, however
+// much the command claims; a command that hangs is ended by a cancel, and
+// the client is answered.
+TEST_F(CacheDir, ACommandSourceAnswersWhatWentAndACancelEndsAHangingCommand) {
+  ctx_.grantUser("me.plist", ::getuid(),
+                 {"CLIENT_ENTITLEMENT", "PURGE_ENTITLEMENT", "SERVICE_ENTITLEMENT"});
+  const fs::path data = ctx_.root().parent_path() / "data";
+  makeFile(data / "a", 8 << 20, 0);
+  makeFile(data / "b", 8 << 20, 0);
+  ::sync();
+  const std::uint64_t each = allocated(data / "a");
+  configureCommand(ctx_, "liar", data,
+                   "rm -f " + (data / "a").string() + "; echo freed 99999999999 bytes");
+  ASSERT_TRUE(ctx_.startDaemon());
+  ASSERT_TRUE(start());
+  ASSERT_TRUE(checkedIn({std::string(kName) + ".liar"}));
+  rescan();
+  auto client = ctx_.connect();
+  const Value volume(volumeHolding(data));
+  const auto purged = callClient(*client, "ClientPurge",
+                                 {{"VANTOR_VOLUME", volume}, {"VANTOR_AMOUNT", Value(each)}});
+  EXPECT_FALSE(fs::exists(data / "a"));
+  EXPECT_EQ(purged.at("VANTOR_AMOUNT_REPORTED").uint64Value(), each) << Value(purged).description();
+
+  const fs::path started = ctx_.root().parent_path() / "started";
+  configureCommand(ctx_, "liar", data, "touch " + started.string() + "; exec /bin/sleep 1000");
+  service_->signal(SIGHUP);
+  rescan();
+  auto purging = std::async(std::launch::async, [&] {
+    auto caller = ctx_.connect();
+    return callClient(*caller, "ClientPurge",
+                      {{"VANTOR_VOLUME", volume}, {"VANTOR_AMOUNT", Value(each)}});
+  });
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(started); }, seconds(60)));
+  sdbus::createProxy(*client, "com.tessaly.vantor", "/com/tessaly/vantor")
+      ->callMethod("ClientCancelPurge")
+      .onInterface("com.tessaly.vantor.Client");
+  ASSERT_EQ(purging.wait_for(seconds(60)), std::future_status::ready) << "the purge was not ended";
+  EXPECT_EQ(purging.get().at("VANTOR_AMOUNT_REPORTED").uint64Value(), 0u);
+  EXPECT_TRUE(fs::exists(data / "b"));
+}
+
 // Writes a trashed file of `size` bytes, trashed `age` seconds ago.
 void trashFile(const fs::path& trash, const std::string& name, std::size_t size, std::int64_t age) {
   makeFile(trash / "files" / name, size, 0);
