@@ -100,6 +100,8 @@ std::string badKey(const Value::Dictionary& dict, CommandSpec* spec) {
       ok = stringArray(value, PathRule::kFirst, &spec->measure);
     } else if (key == "MeasurePaths") {
       ok = stringArray(value, PathRule::kEvery, &spec->measurePaths);
+    } else if (key == "KeepPaths") {
+      ok = stringArray(value, PathRule::kEvery, &spec->keepPaths);
     } else if (key == "Purge") {
       ok = stringArray(value, PathRule::kFirst, &spec->purge);
     } else if (key == "Periodic") {
@@ -180,9 +182,20 @@ std::uint64_t treeBytes(Fd dir, dev_t dev, const std::function<bool()>& cancelle
   return total;
 }
 
+// The allocated bytes of what `patterns` match, leaving out what `besides`
+// matches.
 std::optional<std::uint64_t> pathsBytes(const std::vector<std::string>& patterns,
-                                        const std::function<bool()>& cancelled) {
+                                        const std::function<bool()>& cancelled,
+                                        const std::vector<std::string>& besides = {}) {
   std::set<std::string> seen;
+  for (const std::string& pattern : besides) {
+    glob_t matches{};
+    if (::glob(pattern.c_str(), 0, nullptr, &matches) == 0) {
+      for (std::size_t i = 0; i < matches.gl_pathc; ++i)
+        seen.insert(matches.gl_pathv[i]);
+    }
+    ::globfree(&matches);
+  }
   std::uint64_t total = 0;
   for (const std::string& pattern : patterns) {
     glob_t matches{};
@@ -413,7 +426,13 @@ std::uint64_t CommandSource::purge(std::int32_t urgency, std::uint64_t bytes,
   if (!before || *before == 0)
     return 0;
   const std::string share = std::to_string(bytes);
-  const std::string keep = std::to_string(*before > bytes ? *before - bytes : 0);
+  // The files the command counts toward {keep} but never removes (the
+  // journal's active files) are added to it, so that it frees the share and
+  // no more.
+  std::uint64_t kept = *before > bytes ? *before - bytes : 0;
+  if (!spec_.keepPaths.empty())
+    kept += pathsBytes(spec_.keepPaths, cancelled, spec_.measurePaths).value_or(0);
+  const std::string keep = std::to_string(kept);
   std::vector<std::string> argv;
   for (const std::string& arg : spec_.purge)
     argv.push_back(substitute(substitute(arg, "{bytes}", share), "{keep}", keep));

@@ -27,7 +27,10 @@ struct CommandSpec {
   std::vector<std::string> measure;       // a command printing sizes, or
   std::vector<std::string> measurePaths;  // globs whose files are counted
   std::vector<std::string> purge;         // {bytes} and {keep} substituted
-  std::vector<std::string> periodic;      // may be empty
+  // Files the Purge command counts toward {keep} but never removes; those
+  // MeasurePaths also matches are not counted twice.
+  std::vector<std::string> keepPaths;
+  std::vector<std::string> periodic;  // may be empty
   std::int32_t minimumUrgency = 1;
   std::chrono::seconds timeout{300};
 };
