@@ -206,15 +206,35 @@ TEST_F(CommandSourceTest, ConfigurationFilesAreRefusedMaskedAndOverridden) {
                                                         {"shipped", "/bin/true"}}));
 }
 
-TEST_F(CommandSourceTest, ShippedExamplesAreReadWithoutComplaint) {
+TEST_F(CommandSourceTest, ShippedExamplesAreReadAndRunAgainstStandIns) {
   const fs::path examples =
       fs::path(VANTOR_TEST_FIXTURES_DIR) / "../../dist/cachedir/examples/commands.d";
   int count = 0;
+  // The tools themselves stand in as scripts: the measuring one prints the
+  // size left in `state` the way the tools do, the purging one records its
+  // arguments and frees a quarter.
+  const fs::path state = root_ / "state", args = root_ / "args";
+  const std::string measure = script("measure", "echo \"$(cat " + state.string() + ")MB (40%)\"");
+  const std::string purge =
+      script("purge", "echo \"$@\" > " + args.string() + "\necho $(( $(cat " + state.string() +
+                          ") * 3 / 4 )) > " + state.string());
   for (const auto& entry : fs::directory_iterator(examples)) {
+    SCOPED_TRACE(entry.path().filename().string());
     // As installed: root's, mode 0644.
     const fs::path copy = write(entry.path().filename(), readText(entry.path()));
-    EXPECT_TRUE(readCommandSpec(copy)) << entry.path();
+    auto spec = readCommandSpec(copy);
+    ASSERT_TRUE(spec);
     ++count;
+    if (spec->measure.empty())
+      continue;
+    spec->measure.front() = measure;
+    spec->purge.front() = purge;
+    write("state", "400\n");
+    const CommandSource source(*spec);
+    EXPECT_EQ(source.measure({}), 400'000'000u);
+    EXPECT_EQ(source.purge(4, 100'000'000, {}), 100'000'000u);
+    const std::string recorded = readText(args);
+    EXPECT_EQ(recorded.find('{'), std::string::npos) << recorded;
   }
   EXPECT_GT(count, 0);
 }
