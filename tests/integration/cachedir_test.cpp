@@ -153,11 +153,6 @@ class CacheDir : public ::testing::Test {
       connection_ = ctx_.connect();
     return connection_.get();
   }
-  sdbus::IConnection* connection() {
-    if (!connection_)
-      connection_ = ctx_.connect();
-    return connection_.get();
-  }
   fs::path logFile() const { return ctx_.root().parent_path() / "cachedir.log"; }
   std::string log() const { return readText(logFile()); }
 
