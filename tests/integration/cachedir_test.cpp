@@ -15,7 +15,6 @@
 #include <fstream>
 #include <future>
 #include <mutex>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -840,11 +839,12 @@ TEST_F(CacheDir, AUserInstanceChecksInTheUsersSourcesAndEmptiesTheTrashByDeletio
   // The Trash source itself, at the path it checked in with on the
   // instance's own connection: at urgency 2 (a week unused) the old item goes
   // with its record and the recent one stays with its own.
-  std::smatch unique;
   const std::string text = log();
-  ASSERT_TRUE(std::regex_search(text, unique, std::regex(" as (:[0-9.]+)")));
-  auto trashProxy =
-      sdbus::createProxy(*connection(), unique[1].str(), "/com/tessaly/vantor/Service/trash");
+  const std::size_t as = text.find(" as :");
+  ASSERT_NE(as, std::string::npos) << text;
+  const std::string unique =
+      text.substr(as + 4, text.find_first_not_of(":0123456789.", as + 4) - as - 4);
+  auto trashProxy = sdbus::createProxy(*connection(), unique, "/com/tessaly/vantor/Service/trash");
   const auto purged = fromVariantMap(
       invokeOn<VariantMap>(*trashProxy, "ServicePurge", 2,
                            toVariantMap({{"VANTOR_AMOUNT", Value(std::uint64_t{1} << 40)}})));
