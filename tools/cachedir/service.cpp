@@ -33,6 +33,20 @@ Value amountReply(std::uint64_t bytes) {
   return Value(Value::Dictionary{{"VANTOR_AMOUNT", Value(bytes)}});
 }
 
+// The device of info["VANTOR_VOLUME"] in `*dev`, left empty when no volume
+// is named (every volume); false when the named volume cannot be found.
+bool askedVolume(const Value& info, std::optional<dev_t>* dev) {
+  const Value* volume = info.find("VANTOR_VOLUME");
+  if (volume == nullptr)
+    return true;
+  struct stat st;
+  const std::string* path = volume->asString();
+  if (path == nullptr || ::stat(path->c_str(), &st) != 0)
+    return false;
+  *dev = st.st_dev;
+  return true;
+}
+
 std::uint64_t askedAmount(const Value& info) {
   const Value* amount = info.find("VANTOR_AMOUNT");
   if (amount == nullptr || !amount->isNumber() || amount->doubleValue() <= 0)
@@ -339,15 +353,9 @@ std::vector<const TrashIndex*> CacheDirService::trashesOn(const Snapshot& snapsh
                                                           const Value& info,
                                                           const std::string& source) {
   std::vector<const TrashIndex*> trashes;
-  const Value* volume = info.find("VANTOR_VOLUME");
   std::optional<dev_t> dev;
-  if (volume != nullptr) {
-    struct stat st;
-    const std::string* path = volume->asString();
-    if (path == nullptr || ::stat(path->c_str(), &st) != 0)
-      return trashes;
-    dev = st.st_dev;
-  }
+  if (!askedVolume(info, &dev))
+    return trashes;
   for (const Trash& trash : snapshot.trashes) {
     if ((!dev || trash.index->dev == *dev) && (source.empty() || trash.source == source))
       trashes.push_back(trash.index.get());
@@ -358,15 +366,9 @@ std::vector<const TrashIndex*> CacheDirService::trashesOn(const Snapshot& snapsh
 std::vector<const CacheDirService::Command*> CacheDirService::commandsOn(
     const Snapshot& snapshot, const Value& info, const std::string& source) {
   std::vector<const Command*> commands;
-  const Value* volume = info.find("VANTOR_VOLUME");
   std::optional<dev_t> dev;
-  if (volume != nullptr) {
-    struct stat st;
-    const std::string* path = volume->asString();
-    if (path == nullptr || ::stat(path->c_str(), &st) != 0)
-      return commands;
-    dev = st.st_dev;
-  }
+  if (!askedVolume(info, &dev))
+    return commands;
   for (const Command& command : snapshot.commands) {
     if ((!dev || command.dev == *dev) && (source.empty() || command.source->spec().name == source))
       commands.push_back(&command);
@@ -377,15 +379,9 @@ std::vector<const CacheDirService::Command*> CacheDirService::commandsOn(
 std::vector<const RootIndex*> CacheDirService::rootsOn(const Snapshot& snapshot, const Value& info,
                                                        const std::string& source) {
   std::vector<const RootIndex*> roots;
-  const Value* volume = info.find("VANTOR_VOLUME");
   std::optional<dev_t> dev;
-  if (volume != nullptr) {
-    struct stat st;
-    const std::string* path = volume->asString();
-    if (path == nullptr || ::stat(path->c_str(), &st) != 0)
-      return roots;
-    dev = st.st_dev;
-  }
+  if (!askedVolume(info, &dev))
+    return roots;
   for (const auto& root : snapshot.roots) {
     if ((!dev || root->dev == *dev) && (source.empty() || root->policy.source == source))
       roots.push_back(root.get());
