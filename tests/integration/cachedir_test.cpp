@@ -792,6 +792,7 @@ TEST_F(CacheDir, ACommandSourceAnswersWhatWentAndACancelEndsAHangingCommand) {
 // Writes a trashed file of `size` bytes, trashed `age` seconds ago.
 void trashFile(const fs::path& trash, const std::string& name, std::size_t size, std::int64_t age) {
   makeFile(trash / "files" / name, size, 0);
+  fs::create_directories(trash / "info");
   const std::time_t when = std::time(nullptr) - age;
   char date[32];
   std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", std::localtime(&when));
