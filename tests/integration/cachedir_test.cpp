@@ -731,6 +731,43 @@ TEST_F(CacheDir, EachSourceChecksInUnderItsOwnIdAndFreesRealBytesThroughTheDaemo
             purged.at("VANTOR_FREESPACE_BEGIN").uint64Value() + each);
 }
 
+// A shipped source is known to vantord from its descriptor alone: the first
+// query starts the service through D-Bus activation of the source's own bus
+// name, which the service takes, and the source answers under its ID.
+TEST_F(CacheDir, AShippedSourceIsStartedByBusActivationOfItsId) {
+  ctx_.grantUser("me.plist", ::getuid(), {"CLIENT_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT"});
+  const std::string id = std::string(kName) + ".apt-archives";
+  ctx_.writeDescriptor(
+      id + ".plist",
+      dict({{"VANTOR_ID", Value(id)},
+            {"VANTOR_SERVICES", Value(Value::Array{Value("PURGE"), Value("PERIODIC")})}}));
+  auto bytes = encodePlist(dict({{"Path", Value(cache_.string())}}), PlistFormat::kXml);
+  ctx_.writeFile(ctx_.root() / "etc/vantor/cachedirs.d/00-apt-archives.plist",
+                 std::string(bytes.begin(), bytes.end()));
+  makeFile(cache_ / "old.deb", 1 << 20, 40 * kDay);
+  ::sync();
+  const fs::path script = ctx_.root().parent_path() / "activated.sh";
+  ctx_.writeFile(script, "#!/bin/sh\nZEPHON_SIMULATOR_ROOT='" + ctx_.root().string() +
+                             "' DBUS_SYSTEM_BUS_ADDRESS='" + ctx_.busAddress() + "' exec '" +
+                             kBinary + "' >>'" + logFile().string() + "' 2>&1\n");
+  fs::permissions(script, fs::perms::owner_all);
+  ctx_.writeFile(ctx_.busServiceDir() / (id + ".service"),
+                 "[D-BUS Service]\nName=" + id + "\nExec=" + script.string() + "\n");
+  ASSERT_TRUE(ctx_.startDaemon());
+  auto client = ctx_.connect();
+  // The first query sets off the start; the source then answers at its name.
+  const auto offered = callClient(*client, "ClientItemizedPurgeableSpace",
+                                  {{"VANTOR_VOLUME", Value(volumeHolding(cache_))}});
+  ASSERT_TRUE(ctx_.signals().waitFor("NameOwnerChanged:" + id + ":owned", seconds(30)))
+      << Value(offered).description();
+  auto proxy = sdbus::createProxy(*connection(), id, "/com/tessaly/vantor/Service");
+  proxy_ = sdbus::createProxy(*connection(), kName, "/com/tessaly/vantor/Service");
+  rescan();
+  const auto answer = fromVariantMap(invokeOn<VariantMap>(
+      *proxy, "ServicePurgeable", 1, toVariantMap({{"VANTOR_VOLUME", Value(cache_.string())}})));
+  EXPECT_EQ(answer.at("VANTOR_AMOUNT"), Value(allocated(cache_ / "old.deb")));
+}
+
 // A command source, root's: measures the files of `dir` and purges with
 // `purge`, a script written here.
 void configureCommand(TestContext& ctx, const std::string& name, const fs::path& dir,
