@@ -669,6 +669,20 @@ TEST_F(CacheDir, SigtermDuringPurgesStopsCleanlyAndAnswersEveryCall) {
   }
   ASSERT_TRUE(waitUntil([&] { return changeTimes(cache_, kDirs) != before; }, seconds(30)))
       << "the purge did not start";
+  // Every call has reached the service before it is told to stop.
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        const std::string text = log();
+        const auto count = [&text](const std::string& what) {
+          std::size_t n = 0;
+          for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+            ++n;
+          return n;
+        };
+        // The rescan before the calls asked once already.
+        return count("bytes: queued") == 3 && count("rescan requested") == 2;
+      },
+      seconds(30)));
   service_->signal(SIGTERM);
   const auto status = service_->waitExit(seconds(30));
   ASSERT_TRUE(status.has_value()) << "still running";

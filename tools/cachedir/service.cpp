@@ -449,6 +449,9 @@ void CacheDirService::purge(const std::string& source, std::int32_t urgency, con
   const std::uint64_t sourceGeneration = sourceCancels->load();
   const std::uint64_t amount = askedAmount(info);
   const std::int64_t unused = unusedFor(urgency);
+  log(Priority::kDebug, (source.empty() ? std::string() : source + ": ") + "purge at urgency " +
+                            std::to_string(urgency) + " of " + std::to_string(amount) +
+                            " bytes: queued");
   enqueue([this, generation, sourceCancels, sourceGeneration, amount, unused, info, reply, urgency,
            source] {
     const auto cancelled = [this, generation, sourceCancels, sourceGeneration] {
@@ -558,6 +561,7 @@ void CacheDirService::callback(const Value& info, DictionaryReply reply) {
                                   {"Files", Value(files)},
                                   {"Bytes", Value(bytes)}}));
   };
+  log(Priority::kDebug, "rescan requested");
   {
     std::lock_guard lock(mutex_);
     if (!stopping_) {
