@@ -86,36 +86,36 @@ std::optional<std::int64_t> integer(const Value& value) {
 
 // The first key of `dict` that is unknown or of the wrong type, or empty
 // when all are good.
-std::string badKey(const Value::Dictionary& dict, CommandSpec* spec) {
+std::string badKey(const Value::Dictionary& dict, CommandDefinition* definition) {
   for (const auto& [key, value] : dict) {
     bool ok = false;
     if (key == "Name") {
       const std::string* s = value.asString();
       ok = s != nullptr && validName(*s);
       if (ok)
-        spec->name = *s;
+        definition->name = *s;
     } else if (key == "Requires") {
-      ok = stringArray(value, PathRule::kEvery, &spec->required);
+      ok = stringArray(value, PathRule::kEvery, &definition->required);
     } else if (key == "Measure") {
-      ok = stringArray(value, PathRule::kFirst, &spec->measure);
+      ok = stringArray(value, PathRule::kFirst, &definition->measure);
     } else if (key == "MeasurePaths") {
-      ok = stringArray(value, PathRule::kEvery, &spec->measurePaths);
+      ok = stringArray(value, PathRule::kEvery, &definition->measurePaths);
     } else if (key == "KeepPaths") {
-      ok = stringArray(value, PathRule::kEvery, &spec->keepPaths);
+      ok = stringArray(value, PathRule::kEvery, &definition->keepPaths);
     } else if (key == "Purge") {
-      ok = stringArray(value, PathRule::kFirst, &spec->purge);
+      ok = stringArray(value, PathRule::kFirst, &definition->purge);
     } else if (key == "Periodic") {
-      ok = stringArray(value, PathRule::kFirst, &spec->periodic);
+      ok = stringArray(value, PathRule::kFirst, &definition->periodic);
     } else if (key == "MinimumUrgency") {
       const auto n = integer(value);
       ok = n && *n >= 1 && *n <= 4;
       if (ok)
-        spec->minimumUrgency = static_cast<std::int32_t>(*n);
+        definition->minimumUrgency = static_cast<std::int32_t>(*n);
     } else if (key == "TimeoutSeconds") {
       const auto n = integer(value);
       ok = n && *n > 0;
       if (ok)
-        spec->timeout = std::chrono::seconds(std::min(*n, kMaxTimeoutSeconds));
+        definition->timeout = std::chrono::seconds(std::min(*n, kMaxTimeoutSeconds));
     }
     if (!ok)
       return key;
@@ -282,9 +282,9 @@ std::optional<std::uint64_t> parseSize(std::string_view line) {
   return static_cast<std::uint64_t>(bytes);
 }
 
-std::optional<CommandSpec> readCommandSpec(const std::filesystem::path& file) {
+std::optional<CommandDefinition> readCommandDefinition(const std::filesystem::path& file) {
   const std::string where = file.string();
-  auto refuse = [&](const std::string& why) -> std::optional<CommandSpec> {
+  auto refuse = [&](const std::string& why) -> std::optional<CommandDefinition> {
     log(Priority::kWarning, where + ": " + why + ", ignored");
     return std::nullopt;
   };
@@ -321,66 +321,66 @@ std::optional<CommandSpec> readCommandSpec(const std::filesystem::path& file) {
   if (dict == nullptr)
     return refuse("not a dictionary");
 
-  CommandSpec spec;
-  spec.file = file;
-  if (const std::string key = badKey(*dict, &spec); !key.empty())
+  CommandDefinition definition;
+  definition.file = file;
+  if (const std::string key = badKey(*dict, &definition); !key.empty())
     return refuse("\"" + key + "\" is unknown or not of its type");
-  if (spec.name.empty())
-    spec.name = nameFromFile(file);
-  if (!validName(spec.name))
-    return refuse("\"" + spec.name + "\" is not a valid name");
-  if (spec.measure.empty() == spec.measurePaths.empty())
+  if (definition.name.empty())
+    definition.name = nameFromFile(file);
+  if (!validName(definition.name))
+    return refuse("\"" + definition.name + "\" is not a valid name");
+  if (definition.measure.empty() == definition.measurePaths.empty())
     return refuse("needs exactly one of \"Measure\" and \"MeasurePaths\"");
-  if (spec.purge.empty())
+  if (definition.purge.empty())
     return refuse("\"Purge\" is missing");
-  return spec;
+  return definition;
 }
 
-std::vector<CommandSpec> loadCommandSources(const std::filesystem::path& root) {
+std::vector<CommandDefinition> loadCommandSources(const std::filesystem::path& root) {
   std::map<std::string, Entry> entries;
   listPlists(root / "usr/share/vantor/commands.d", false, &entries);
   listPlists(root / "etc/vantor/commands.d", true, &entries);
-  std::vector<CommandSpec> specs;
+  std::vector<CommandDefinition> definitions;
   std::set<std::string> names;
   for (const auto& [fileName, entry] : entries) {
     if (entry.fromEtc && masked(entry.path)) {
       log(Priority::kInfo, entry.path.string() + ": masked");
       continue;
     }
-    auto spec = readCommandSpec(entry.path);
-    if (!spec)
+    auto definition = readCommandDefinition(entry.path);
+    if (!definition)
       continue;
-    const auto missing =
-        std::find_if(spec->required.begin(), spec->required.end(), [](const std::string& path) {
-          struct stat st {};
-          return ::lstat(path.c_str(), &st) != 0;
-        });
-    if (missing != spec->required.end()) {
+    const auto missing = std::find_if(definition->required.begin(), definition->required.end(),
+                                      [](const std::string& path) {
+                                        struct stat st {};
+                                        return ::lstat(path.c_str(), &st) != 0;
+                                      });
+    if (missing != definition->required.end()) {
       log(Priority::kInfo, entry.path.string() + ": skipped, " + *missing + " does not exist");
       continue;
     }
-    if (!names.insert(spec->name).second) {
+    if (!names.insert(definition->name).second) {
       log(Priority::kWarning,
-          entry.path.string() + ": the name \"" + spec->name + "\" is taken, ignored");
+          entry.path.string() + ": the name \"" + definition->name + "\" is taken, ignored");
       continue;
     }
-    specs.push_back(std::move(*spec));
+    definitions.push_back(std::move(*definition));
   }
-  return specs;
+  return definitions;
 }
 
-CommandSource::CommandSource(CommandSpec spec) : spec_(std::move(spec)) {}
+CommandSource::CommandSource(CommandDefinition definition) : definition_(std::move(definition)) {}
 
 bool CommandSource::run(const std::vector<std::string>& argv,
                         const std::function<bool()>& cancelled, std::string* output) const {
-  const CommandResult result = runCommand(argv, spec_.timeout, cancelled, spec_.name);
+  const CommandResult result = runCommand(argv, definition_.timeout, cancelled, definition_.name);
   if (!result.succeeded()) {
-    log(Priority::kWarning, spec_.name + ": " + argv[0] + " " + result.describe());
+    log(Priority::kWarning, definition_.name + ": " + argv[0] + " " + result.describe());
     return false;
   }
   if (output != nullptr) {
     if (result.truncated) {
-      log(Priority::kWarning, spec_.name + ": " + argv[0] + " wrote more than 64 KiB");
+      log(Priority::kWarning, definition_.name + ": " + argv[0] + " wrote more than 64 KiB");
       return false;
     }
     *output = result.output;
@@ -389,10 +389,10 @@ bool CommandSource::run(const std::vector<std::string>& argv,
 }
 
 std::optional<std::uint64_t> CommandSource::measure(const std::function<bool()>& cancelled) const {
-  if (spec_.measure.empty())
-    return pathsBytes(spec_.measurePaths, cancelled);
+  if (definition_.measure.empty())
+    return pathsBytes(definition_.measurePaths, cancelled);
   std::string output;
-  if (!run(spec_.measure, cancelled, &output))
+  if (!run(definition_.measure, cancelled, &output))
     return std::nullopt;
   std::uint64_t total = 0;
   std::size_t start = 0;
@@ -406,7 +406,8 @@ std::optional<std::uint64_t> CommandSource::measure(const std::function<bool()>&
       continue;
     const auto size = parseSize(line);
     if (!size) {
-      log(Priority::kWarning, spec_.name + ": cannot read a size in \"" + std::string(line) + "\"");
+      log(Priority::kWarning,
+          definition_.name + ": cannot read a size in \"" + std::string(line) + "\"");
       return std::nullopt;
     }
     total = *size > std::numeric_limits<std::uint64_t>::max() - total
@@ -418,7 +419,7 @@ std::optional<std::uint64_t> CommandSource::measure(const std::function<bool()>&
 
 std::uint64_t CommandSource::purge(std::int32_t urgency, std::uint64_t bytes,
                                    const std::function<bool()>& cancelled) const {
-  if (urgency < spec_.minimumUrgency || bytes == 0)
+  if (urgency < definition_.minimumUrgency || bytes == 0)
     return 0;
   const auto before = measure(cancelled);
   // Without a measurement {keep} cannot be known, and with nothing to free
@@ -430,11 +431,11 @@ std::uint64_t CommandSource::purge(std::int32_t urgency, std::uint64_t bytes,
   // journal's active files) are added to it, so that it frees the share and
   // no more.
   std::uint64_t kept = *before > bytes ? *before - bytes : 0;
-  if (!spec_.keepPaths.empty())
-    kept += pathsBytes(spec_.keepPaths, cancelled, spec_.measurePaths).value_or(0);
+  if (!definition_.keepPaths.empty())
+    kept += pathsBytes(definition_.keepPaths, cancelled, definition_.measurePaths).value_or(0);
   const std::string keep = std::to_string(kept);
   std::vector<std::string> argv;
-  for (const std::string& arg : spec_.purge)
+  for (const std::string& arg : definition_.purge)
     argv.push_back(substitute(substitute(arg, "{bytes}", share), "{keep}", keep));
   run(argv, cancelled, nullptr);
   // Measured even when it failed: it may have freed part of the share.
@@ -443,10 +444,10 @@ std::uint64_t CommandSource::purge(std::int32_t urgency, std::uint64_t bytes,
 }
 
 std::uint64_t CommandSource::periodic(const std::function<bool()>& cancelled) const {
-  if (spec_.periodic.empty())
+  if (definition_.periodic.empty())
     return 0;
   const auto before = measure(cancelled);
-  run(spec_.periodic, cancelled, nullptr);
+  run(definition_.periodic, cancelled, nullptr);
   const auto after = measure(cancelled);
   return before && after && *after < *before ? *before - *after : 0;
 }

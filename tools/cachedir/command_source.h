@@ -20,7 +20,7 @@
 
 namespace vantor::cachedir {
 
-struct CommandSpec {
+struct CommandDefinition {
   std::string name;
   std::filesystem::path file;             // where it was read from, for log lines
   std::vector<std::string> required;      // "Requires": paths that must exist
@@ -39,11 +39,11 @@ struct CommandSpec {
 // through a symbolic link) owned by root and writable by nobody else, holding
 // one dictionary of known keys of the right types. Nullopt, logged, when not.
 // "Requires" is not checked here.
-std::optional<CommandSpec> readCommandSpec(const std::filesystem::path& file);
+std::optional<CommandDefinition> readCommandDefinition(const std::filesystem::path& file);
 
 // The command sources of `root` in file-name order, overrides and masks
 // applied, those whose "Requires" paths are missing left out (logged).
-std::vector<CommandSpec> loadCommandSources(const std::filesystem::path& root);
+std::vector<CommandDefinition> loadCommandSources(const std::filesystem::path& root);
 
 // ZEPHON_SIMULATOR_ROOT, or `/` when it is unset or empty.
 std::filesystem::path configurationRoot();
@@ -55,9 +55,9 @@ std::optional<std::uint64_t> parseSize(std::string_view line);
 
 class CommandSource {
  public:
-  explicit CommandSource(CommandSpec spec);
+  explicit CommandSource(CommandDefinition definition);
 
-  const CommandSpec& spec() const { return spec_; }
+  const CommandDefinition& definition() const { return definition_; }
 
   // The bytes that could be freed now; nullopt when the measurement fails or
   // is cancelled.
@@ -77,7 +77,7 @@ class CommandSource {
   bool run(const std::vector<std::string>& argv, const std::function<bool()>& cancelled,
            std::string* output) const;
 
-  CommandSpec spec_;
+  CommandDefinition definition_;
 };
 
 }  // namespace vantor::cachedir

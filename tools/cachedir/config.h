@@ -57,7 +57,7 @@ struct Config {
   std::vector<DirPolicy> directories;
   std::vector<TaggedTree> taggedBelow;
   std::vector<TrashDir> trashes;
-  std::vector<CommandSpec> commands;
+  std::vector<CommandDefinition> commands;
   std::vector<std::string> sources;  // every source named, in file order
 };
 

@@ -146,7 +146,7 @@ std::shared_ptr<vantor::cachedir::CacheDirService> makeService(const Mode& mode)
         [dir] {
           cd::Config config = cd::loadConfig(dir);
           config.commands = cd::loadCommandSources(cd::configurationRoot());
-          for (const cd::CommandSpec& command : config.commands) {
+          for (const cd::CommandDefinition& command : config.commands) {
             if (std::find(config.sources.begin(), config.sources.end(), command.name) ==
                 config.sources.end())
               config.sources.push_back(command.name);

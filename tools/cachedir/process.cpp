@@ -242,15 +242,8 @@ CommandResult runCommand(const std::vector<std::string>& argv, std::chrono::mill
   std::optional<Clock::time_point> killAt;
   bool outOpen = true, errOpen = true;
   // Gathers output until the command ends, stopping it when it must.
-  while (!child.ended()) {
-    const auto now = Clock::now();
-    if (!killAt && (now >= deadline || (cancelled && cancelled()))) {
-      result.end = now >= deadline ? CommandResult::End::kTimedOut : CommandResult::End::kCancelled;
-      ::kill(-pid, SIGTERM);
-      killAt = now + kGrace;
-    } else if (killAt && now >= *killAt) {
-      ::kill(-pid, SIGKILL);
-    }
+  // Waits a poll interval at most for output, and reads what came.
+  const auto readOutput = [&] {
     pollfd fds[2];
     nfds_t count = 0;
     if (outOpen)
@@ -260,6 +253,17 @@ CommandResult runCommand(const std::vector<std::string>& argv, std::chrono::mill
     ::poll(fds, count, static_cast<int>(kPollInterval.count()));
     outOpen = outOpen && reader.read(out);
     errOpen = errOpen && reader.read(err);
+  };
+  while (!child.ended()) {
+    const auto now = Clock::now();
+    if (!killAt && (now >= deadline || (cancelled && cancelled()))) {
+      result.end = now >= deadline ? CommandResult::End::kTimedOut : CommandResult::End::kCancelled;
+      ::kill(-pid, SIGTERM);
+      killAt = now + kGrace;
+    } else if (killAt && now >= *killAt) {
+      ::kill(-pid, SIGKILL);
+    }
+    readOutput();
   }
   // Helpers it left behind in its group go with it.
   ::kill(-pid, SIGKILL);
@@ -272,15 +276,7 @@ CommandResult runCommand(const std::vector<std::string>& argv, std::chrono::mill
   // them open: it is not waited for beyond a moment.
   const auto drainUntil = Clock::now() + kPollInterval * 4;
   while ((outOpen || errOpen) && Clock::now() < drainUntil) {
-    pollfd fds[2];
-    nfds_t count = 0;
-    if (outOpen)
-      fds[count++] = {out.fd.get(), POLLIN, 0};
-    if (errOpen)
-      fds[count++] = {err.fd.get(), POLLIN, 0};
-    ::poll(fds, count, static_cast<int>(kPollInterval.count()));
-    outOpen = outOpen && reader.read(out);
-    errOpen = errOpen && reader.read(err);
+    readOutput();
   }
   reader.flush(out);
   reader.flush(err);

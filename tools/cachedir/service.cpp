@@ -249,16 +249,16 @@ void CacheDirService::scanOnce(Config& config, bool reload, const Snapshot* prev
   }
   // Purgeable answers read what the commands measured here, so that none of
   // them waits for a command.
-  for (const CommandSpec& spec : config.commands) {
+  for (const CommandDefinition& definition : config.commands) {
     if (stopFlag_.load())
       break;
-    Command command{std::make_shared<const CommandSource>(spec)};
+    Command command{std::make_shared<const CommandSource>(definition)};
     struct stat st;
-    const std::string on = spec.required.empty() ? "/" : spec.required.front();
+    const std::string on = definition.required.empty() ? "/" : definition.required.front();
     command.dev = ::stat(on.c_str(), &st) == 0 ? st.st_dev : 0;
     const auto measured = command.source->measure([this] { return stopFlag_.load(); });
     if (!measured)
-      log(Priority::kWarning, spec.name + ": the measurement failed; it offers nothing");
+      log(Priority::kWarning, definition.name + ": the measurement failed; it offers nothing");
     command.measured = measured.value_or(0);
     snapshot->commands.push_back(std::move(command));
   }
@@ -370,7 +370,8 @@ std::vector<const CacheDirService::Command*> CacheDirService::commandsOn(
   if (!askedVolume(info, &dev))
     return commands;
   for (const Command& command : snapshot.commands) {
-    if ((!dev || command.dev == *dev) && (source.empty() || command.source->spec().name == source))
+    if ((!dev || command.dev == *dev) &&
+        (source.empty() || command.source->definition().name == source))
       commands.push_back(&command);
   }
   return commands;
@@ -415,7 +416,7 @@ void CacheDirService::purgeable(const std::string& source, std::int32_t urgency,
     for (const TrashIndex* trash : trashesOn(snapshot, info, source))
       bytes += trash->bytesDeletedBefore(nowSeconds() - unused);
     for (const Command* command : commandsOn(snapshot, info, source)) {
-      if (urgency >= command->source->spec().minimumUrgency)
+      if (urgency >= command->source->definition().minimumUrgency)
         bytes += command->measured;
     }
     reply(amountReply(bytes));

@@ -72,12 +72,12 @@ TEST_F(CommandSourceTest, PurgeIsAnsweredWithTheMeasuredBytesNotWhatTheCommandCl
   } cases[] = {{"600", 400}, {"1500", 0}};
   for (const auto& c : cases) {
     const fs::path size = write("size", "1000\n");
-    CommandSpec spec;
-    spec.name = "liar";
-    spec.measure = {"/bin/cat", size.string()};
-    spec.purge = {script("purge", "echo " + std::string(c.sizeAfter) + " > " + size.string() +
-                                      "\necho freed 99999999 bytes")};
-    EXPECT_EQ(CommandSource(spec).purge(4, 500, {}), c.answer) << c.sizeAfter;
+    CommandDefinition definition;
+    definition.name = "liar";
+    definition.measure = {"/bin/cat", size.string()};
+    definition.purge = {script("purge", "echo " + std::string(c.sizeAfter) + " > " + size.string() +
+                                            "\necho freed 99999999 bytes")};
+    EXPECT_EQ(CommandSource(definition).purge(4, 500, {}), c.answer) << c.sizeAfter;
   }
 }
 
@@ -94,11 +94,11 @@ TEST_F(CommandSourceTest, MeasureSumsTheLeadingSizeOfEachLine) {
       {"12XB\n", std::nullopt},
   };
   for (const auto& c : cases) {
-    CommandSpec spec;
-    spec.name = "sizes";
-    spec.measure = {"/usr/bin/printf", c.output};
-    spec.purge = {"/bin/true"};
-    EXPECT_EQ(CommandSource(spec).measure({}), c.bytes) << c.output;
+    CommandDefinition definition;
+    definition.name = "sizes";
+    definition.measure = {"/usr/bin/printf", c.output};
+    definition.purge = {"/bin/true"};
+    EXPECT_EQ(CommandSource(definition).measure({}), c.bytes) << c.output;
   }
 }
 
@@ -122,16 +122,17 @@ TEST_F(CommandSourceTest, HangingCommandIsStoppedByItsTimeLimitOrByCancelWithNot
     SCOPED_TRACE(c.what);
     const fs::path pids = root_ / "pids";
     fs::remove(pids);
-    CommandSpec spec;
-    spec.name = "hang";
-    spec.timeout = std::chrono::seconds(c.timeoutSeconds);
-    spec.measure = {script("hang", std::string(c.ignoresTerm ? "trap '' TERM\n" : "") +
-                                       "/bin/sleep 1000 &\necho $$ $! > " + pids.string() +
-                                       "\nwait")};
-    spec.purge = {"/bin/true"};
+    CommandDefinition definition;
+    definition.name = "hang";
+    definition.timeout = std::chrono::seconds(c.timeoutSeconds);
+    definition.measure = {script("hang", std::string(c.ignoresTerm ? "trap '' TERM\n" : "") +
+                                             "/bin/sleep 1000 &\necho $$ $! > " + pids.string() +
+                                             "\nwait")};
+    definition.purge = {"/bin/true"};
     const auto start = Clock::now();
     // Cancelled as soon as the command is known to be running.
-    const auto result = CommandSource(spec).measure([&] { return c.cancel && fs::exists(pids); });
+    const auto result =
+        CommandSource(definition).measure([&] { return c.cancel && fs::exists(pids); });
     EXPECT_EQ(result, std::nullopt);
     EXPECT_LT(Clock::now() - start, c.within);
 
@@ -150,13 +151,13 @@ TEST_F(CommandSourceTest, HangingCommandIsStoppedByItsTimeLimitOrByCancelWithNot
 
 TEST_F(CommandSourceTest, KeepAndBytesAreSubstitutedAtEachUrgencyAndNothingRunsBelowTheMinimum) {
   const fs::path calls = root_ / "calls";
-  CommandSpec spec;
-  spec.name = "args";
-  spec.minimumUrgency = 2;
-  spec.measure = {"/bin/cat", write("size", "1000\n").string()};
-  spec.purge = {script("purge", "echo \"$@\" >> " + calls.string()), "--bytes={bytes}",
-                "keep={keep}/{keep}"};
-  const CommandSource source(spec);
+  CommandDefinition definition;
+  definition.name = "args";
+  definition.minimumUrgency = 2;
+  definition.measure = {"/bin/cat", write("size", "1000\n").string()};
+  definition.purge = {script("purge", "echo \"$@\" >> " + calls.string()), "--bytes={bytes}",
+                      "keep={keep}/{keep}"};
+  const CommandSource source(definition);
   for (std::int32_t urgency = 1; urgency <= 4; ++urgency)
     source.purge(urgency, 300 * static_cast<std::uint64_t>(urgency), {});
   EXPECT_EQ(readText(calls),
@@ -198,8 +199,8 @@ TEST_F(CommandSourceTest, ConfigurationFilesAreRefusedMaskedAndOverridden) {
         body("<key>Requires</key><array><string>" + root_.string() + "</string></array>"));
 
   std::map<std::string, std::string> loaded;  // name -> Measure's command
-  for (const CommandSpec& spec : loadCommandSources(root_))
-    loaded[spec.name] = spec.measure.at(0);
+  for (const CommandDefinition& definition : loadCommandSources(root_))
+    loaded[definition.name] = definition.measure.at(0);
   EXPECT_EQ(loaded, (std::map<std::string, std::string>{{"custom", "/bin/true"},
                                                         {"overridden", "/bin/local"},
                                                         {"requires-present", "/bin/true"},
@@ -222,15 +223,15 @@ TEST_F(CommandSourceTest, ShippedExamplesAreReadAndRunAgainstStandIns) {
     SCOPED_TRACE(entry.path().filename().string());
     // As installed: root's, mode 0644.
     const fs::path copy = write(entry.path().filename(), readText(entry.path()));
-    auto spec = readCommandSpec(copy);
-    ASSERT_TRUE(spec);
+    auto definition = readCommandDefinition(copy);
+    ASSERT_TRUE(definition);
     ++count;
-    if (spec->measure.empty())
+    if (definition->measure.empty())
       continue;
-    spec->measure.front() = measure;
-    spec->purge.front() = purge;
+    definition->measure.front() = measure;
+    definition->purge.front() = purge;
     write("state", "400\n");
-    const CommandSource source(*spec);
+    const CommandSource source(*definition);
     EXPECT_EQ(source.measure({}), 400'000'000u);
     EXPECT_EQ(source.purge(4, 100'000'000, {}), 100'000'000u);
     const std::string recorded = readText(args);
@@ -263,14 +264,17 @@ TEST_F(CommandSourceTest, ShippedJournalSourceVacuumsArchivedFilesOldestFirstOnl
   const fs::path shippedFile = write("usr/share/vantor/commands.d/50-journal.plist",
                                      readText(fs::path(VANTOR_TEST_FIXTURES_DIR) /
                                               "../../dist/cachedir/commands.d/50-journal.plist"));
-  auto spec = readCommandSpec(shippedFile);
-  ASSERT_TRUE(spec);
-  EXPECT_EQ(spec->name, "journal");
-  EXPECT_EQ(spec->required, (std::vector<std::string>{"/var/log/journal", "/usr/bin/journalctl"}));
-  EXPECT_EQ(spec->keepPaths, (std::vector<std::string>{"/var/log/journal/*/*.journal"}));
-  EXPECT_EQ(spec->measurePaths, (std::vector<std::string>{"/var/log/journal/*/*@*.journal",
-                                                          "/var/log/journal/*/*@*.journal~"}));
-  ASSERT_EQ(spec->purge, (std::vector<std::string>{"/usr/bin/journalctl", "--vacuum-size={keep}"}));
+  auto definition = readCommandDefinition(shippedFile);
+  ASSERT_TRUE(definition);
+  EXPECT_EQ(definition->name, "journal");
+  EXPECT_EQ(definition->required,
+            (std::vector<std::string>{"/var/log/journal", "/usr/bin/journalctl"}));
+  EXPECT_EQ(definition->keepPaths, (std::vector<std::string>{"/var/log/journal/*/*.journal"}));
+  EXPECT_EQ(definition->measurePaths,
+            (std::vector<std::string>{"/var/log/journal/*/*@*.journal",
+                                      "/var/log/journal/*/*@*.journal~"}));
+  ASSERT_EQ(definition->purge,
+            (std::vector<std::string>{"/usr/bin/journalctl", "--vacuum-size={keep}"}));
 
   // Three archived files, oldest first, and the active one.
   const fs::path dir = root_ / "var/log/journal/0123456789abcdef0123456789abcdef";
@@ -299,10 +303,10 @@ TEST_F(CommandSourceTest, ShippedJournalSourceVacuumsArchivedFilesOldestFirstOnl
   struct stat activeBefore {};
   ASSERT_EQ(::stat(active.c_str(), &activeBefore), 0);
 
-  spec->measurePaths = {dir.string() + "/*@*.journal", dir.string() + "/*@*.journal~"};
-  spec->keepPaths = {dir.string() + "/*.journal"};
-  spec->purge.push_back("--directory=" + dir.string());
-  const CommandSource source(*spec);
+  definition->measurePaths = {dir.string() + "/*@*.journal", dir.string() + "/*@*.journal~"};
+  definition->keepPaths = {dir.string() + "/*.journal"};
+  definition->purge.push_back("--directory=" + dir.string());
+  const CommandSource source(*definition);
   const auto before = source.measure({});
   ASSERT_EQ(before, allocated(archived[0]) + allocated(archived[1]) + allocated(archived[2]));
 
