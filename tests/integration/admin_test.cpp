@@ -12,7 +12,7 @@
 
 #include "platform/values/dbus_value.h"
 #include "platform/values/plist_io.h"
-#include "support/test_context.h"
+#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/test_context.h"
+#include "common/test_context.h"
 #include "support/volumes.h"
 
 namespace vantor::test {

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "support/test_context.h"
+#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

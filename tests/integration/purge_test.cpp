@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/test_context.h"
+#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "platform/clock/clock.h"
 #include "support/recent_info.h"
-#include "support/test_context.h"
+#include "common/test_context.h"
 #include "support/volumes.h"
 
 namespace vantor::test {

@@ -15,7 +15,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "platform/values/dbus_value.h"
-#include "support/test_context.h"
+#include "common/test_context.h"
 #include "vantor_service_kit.h"
 
 namespace vantor::test {

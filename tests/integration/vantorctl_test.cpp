@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/test_context.h"
+#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

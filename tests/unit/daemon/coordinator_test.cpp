@@ -18,7 +18,7 @@
 #include "platform/values/plist_io.h"
 #include "purge/donation.h"
 #include "support/log.h"
-#include "support/test_context.h"
+#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

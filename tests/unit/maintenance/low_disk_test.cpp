@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "maintenance/low_disk.h"
-#include "support/test_context.h"
+#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

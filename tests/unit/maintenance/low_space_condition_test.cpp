@@ -10,7 +10,7 @@
 #include "maintenance/daily_scheduler.h"
 #include "maintenance/low_space_monitor.h"
 #include "platform/dispatch/semaphore.h"
-#include "support/test_context.h"
+#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/log_capture.h"
 #include "support/log.h"
-#include "support/test_context.h"
 
 namespace vantor::test {
 namespace {

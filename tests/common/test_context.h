@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/log_capture.h"
 #include "daemon/vantor.h"
 #include "platform/values/value.h"
 #include "testkit/daemon_harness.h"
@@ -116,17 +117,6 @@ std::string readText(const std::filesystem::path& path);
 // printed so far (a service prints its line before it answers, so every
 // request of a finished purge is there).
 std::vector<std::pair<int, std::uint64_t>> purgeRequests(ChildProcess& service);
-
-// The entries of a captured-log helper for unit tests: install with
-// LogCapture; every line written while it lives is recorded, formatted.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  std::vector<std::string> lines() const;
-  bool contains(const std::string& text) const;
-  void clear();
-};
 
 // A coordinator created in process, off the bus, on a fresh temporary root
 // and state directory. Tear-down restores the log gate and the wall clock.
