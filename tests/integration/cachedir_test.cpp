@@ -20,9 +20,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/test_context.h"
 #include "platform/values/dbus_value.h"
 #include "platform/values/plist_io.h"
-#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

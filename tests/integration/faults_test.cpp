@@ -20,9 +20,9 @@
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include "common/test_context.h"
 #include "platform/files/read_file.h"
 #include "platform/values/plist_io.h"
-#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "support/low_space.h"
 #include "common/test_context.h"
+#include "support/low_space.h"
 
 namespace vantor::test {
 namespace {

@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/values/dbus_value.h"
 #include "common/test_context.h"
+#include "platform/values/dbus_value.h"
 
 namespace vantor::test {
 namespace {

@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/test_context.h"
 #include "platform/clock/clock.h"
 #include "support/recent_info.h"
-#include "common/test_context.h"
 #include "support/volumes.h"
 
 namespace vantor::test {

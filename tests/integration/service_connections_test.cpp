@@ -14,8 +14,8 @@
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "platform/values/dbus_value.h"
 #include "common/test_context.h"
+#include "platform/values/dbus_value.h"
 #include "vantor_service_kit.h"
 
 namespace vantor::test {

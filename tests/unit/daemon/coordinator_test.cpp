@@ -13,12 +13,12 @@
 
 #include <gtest/gtest.h>
 
+#include "common/test_context.h"
 #include "daemon/vantor.h"
 #include "platform/clock/clock.h"
 #include "platform/values/plist_io.h"
 #include "purge/donation.h"
 #include "support/log.h"
-#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {

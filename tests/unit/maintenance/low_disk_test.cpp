@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "maintenance/low_disk.h"
 #include "common/test_context.h"
+#include "maintenance/low_disk.h"
 
 namespace vantor::test {
 namespace {

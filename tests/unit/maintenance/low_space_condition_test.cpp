@@ -7,10 +7,10 @@
 #include <atomic>
 #include <stdexcept>
 
+#include "common/test_context.h"
 #include "maintenance/daily_scheduler.h"
 #include "maintenance/low_space_monitor.h"
 #include "platform/dispatch/semaphore.h"
-#include "common/test_context.h"
 
 namespace vantor::test {
 namespace {
