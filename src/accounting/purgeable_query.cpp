@@ -56,7 +56,7 @@ Value Vantor::totalAvailable(const Value& info) {
 Value Vantor::_totalAvailable(std::int32_t urgency, const Value& info) {
   constexpr char kName[] = "-[Vantor _totalAvailable:info:]";
   const std::uint64_t start = clock::monotonicTicks();
-  VANTOR_LOG(5, "%s ENTRY, info: %@", kName, info.description().c_str());
+  VANTOR_LOG(5, "%s ENTRY, info: %s", kName, info.description().c_str());
   operation_queue->assertCurrent(kName);
 
   const Value cached = cachedInfo(info);
@@ -106,13 +106,13 @@ Value Vantor::_totalAvailable(std::int32_t urgency, const Value& info) {
       if (++counter == kBeats)
         break;
     }
-    VANTOR_LOG(5, "%s ^^^done waiting, inFlight[%llu]: %@", kName,
+    VANTOR_LOG(5, "%s ^^^done waiting, inFlight[%llu]: %s", kName,
                static_cast<unsigned long long>(requestsInFlight(purgeableInFlight)),
                inFlightDescription(purgeableInFlight).c_str());
   }
 
   const Value cached2 = cachedInfo(info);
-  VANTOR_LOG(5, "%s cachedInfo (2nd pass): %@", kName, cached2.description().c_str());
+  VANTOR_LOG(5, "%s cachedInfo (2nd pass): %s", kName, cached2.description().c_str());
   const Value* counted = cached2.find("VANTOR_SERVICES_TO_COUNT");
   Value::Dictionary result = counted != nullptr && counted->isDictionary()
                                  ? counted->get<Value::Dictionary>()
@@ -127,7 +127,7 @@ Value Vantor::_totalAvailable(std::int32_t urgency, const Value& info) {
         total = add < 0 ? std::numeric_limits<std::int64_t>::min()
                         : std::numeric_limits<std::int64_t>::max();
     } else {
-      VANTOR_LOG(3, "%s %d %@ num is not a number: %@", kName, 587, identifier.c_str(),
+      VANTOR_LOG(3, "%s %d %s num is not a number: %s", kName, 587, identifier.c_str(),
                  amount.description().c_str());
     }
   }
@@ -136,9 +136,9 @@ Value Vantor::_totalAvailable(std::int32_t urgency, const Value& info) {
   result.insert_or_assign("VANTOR_TOTAL_AVAILABLE", Value(total));
   const Value answer(std::move(result));
 
-  VANTOR_LOG(5, "%s Still in flight: %@", kName, inFlightDescription(purgeableInFlight).c_str());
+  VANTOR_LOG(5, "%s Still in flight: %s", kName, inFlightDescription(purgeableInFlight).c_str());
   if (logGate(5)) {
-    VANTOR_LOG(5, "%s elapsed time: %f result: %@", kName, elapsedNanoseconds(start) / 1e9,
+    VANTOR_LOG(5, "%s elapsed time: %f result: %s", kName, elapsedNanoseconds(start) / 1e9,
                answer.description().c_str());
   }
   return answer;
@@ -151,7 +151,7 @@ void Vantor::askPurgeable(const std::shared_ptr<VTService>& service, const std::
       service,
       [self, identifier, urgency, info](std::shared_ptr<VantorServiceProxy> proxy,
                                         std::function<void()> finish) {
-        VANTOR_LOG(5, "%s ^^^asking %@ for urgency %d",
+        VANTOR_LOG(5, "%s ^^^asking %s for urgency %d",
                    "-[Vantor _totalAvailable:info:]_block_invoke", identifier.c_str(), urgency);
         const std::uint64_t callStart = clock::monotonicTicks();
         proxy->servicePurgeable(
@@ -160,7 +160,7 @@ void Vantor::askPurgeable(const std::shared_ptr<VTService>& service, const std::
               const double elapsedNs = elapsedNanoseconds(callStart);
               addDistributionStat("com.tessaly.vantor", identifier + "_purgeableElapsedNanoseconds",
                                   elapsedNs);
-              VANTOR_LOG(5, "%s %@ took %f seconds, returned: %@", kReply, identifier.c_str(),
+              VANTOR_LOG(5, "%s %s took %f seconds, returned: %s", kReply, identifier.c_str(),
                          elapsedNs / 1e9, reply.description().c_str());
               const Value* amount = reply.find("VANTOR_AMOUNT");
               const Value* volume = info.find("VANTOR_VOLUME");
@@ -171,7 +171,7 @@ void Vantor::askPurgeable(const std::shared_ptr<VTService>& service, const std::
                                        }));
               if (reply.find("VANTOR_OPT_OUT") != nullptr) {
                 self->optOutService(identifier, OptOut::kRecord);
-                VANTOR_LOG(5, "%s %@ has %@, skipping", kReply, identifier.c_str(),
+                VANTOR_LOG(5, "%s %s has %s, skipping", kReply, identifier.c_str(),
                            reply.description().c_str());
               }
               // Leaving the in-flight set comes last: the settle loop must see
@@ -181,7 +181,7 @@ void Vantor::askPurgeable(const std::shared_ptr<VTService>& service, const std::
             });
       },
       [self, identifier] {
-        VANTOR_LOG(5, "%s connection invalidated: %@",
+        VANTOR_LOG(5, "%s connection invalidated: %s",
                    "-[Vantor _totalAvailable:info:]_block_invoke_3", identifier.c_str());
         self->updateInFlight(identifier, self->purgeableInFlight, InFlightChange::kRemove);
       });

@@ -30,7 +30,7 @@ std::shared_ptr<VantorRecentInfo> loadRecentInfo(Vantor& vantor) {
     if (stored.isNull())
       return;
     if (!stored.isData()) {
-      VANTOR_LOG(3, "%s %s is not an archive: %@", "loadRecentInfo", kRecentKey,
+      VANTOR_LOG(3, "%s %s is not an archive: %s", "loadRecentInfo", kRecentKey,
                  stored.description().c_str());
       return;
     }
@@ -101,7 +101,7 @@ Value Vantor::cachedInfo(const Value& info) {
         }
       }
     }
-    VANTOR_LOG(5, "%s servicesToCount: %@", kName, Value(servicesToCount).description().c_str());
+    VANTOR_LOG(5, "%s servicesToCount: %s", kName, Value(servicesToCount).description().c_str());
 
     // Cached services are counted whatever their flags are now; only the
     // services still to ask are filtered.
@@ -114,13 +114,13 @@ Value Vantor::cachedInfo(const Value& info) {
       VANTOR_LOG(5, "%s Recent Info is invalid, deleting...", kName);
       storeRecentInfo(*this, nullptr);
     } else if (status == VantorRecentInfo::kStoreAgain) {
-      VANTOR_LOG(5, "%s Recent Info need syncing. New values: %@", kName, describe(*stats).c_str());
+      VANTOR_LOG(5, "%s Recent Info need syncing. New values: %s", kName, describe(*stats).c_str());
       storeRecentInfo(*this, std::move(stats));
     } else if (stats) {
       keepRecentInfo(*this, std::move(stats));
     }
     if (!servicesToQuery.empty()) {
-      VANTOR_LOG(5, "%s servicesToQuery: %@", kName, Value(servicesToQuery).description().c_str());
+      VANTOR_LOG(5, "%s servicesToQuery: %s", kName, Value(servicesToQuery).description().c_str());
     } else {
       VANTOR_LOG(5, "%s using all cached info", kName);
     }
@@ -132,7 +132,7 @@ Value Vantor::cachedInfo(const Value& info) {
 }
 
 void Vantor::updateServiceStats(const std::string& identifier, const Value& info) {
-  VANTOR_LOG(5, "%s ^^^ENTRY, serviceID: %@ : %@", "-[Vantor updateServiceStats:withInfo:]",
+  VANTOR_LOG(5, "%s ^^^ENTRY, serviceID: %s : %s", "-[Vantor updateServiceStats:withInfo:]",
              identifier.c_str(), info.description().c_str());
   auto self = shared_from_this();
   defaults_queue->async([self, identifier, info] {

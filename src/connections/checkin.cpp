@@ -56,7 +56,7 @@ void Vantor::clientCheckin(const std::string& serviceId, const ServiceEndpoint& 
   }
   const std::string sender = currentConnection()->sender();
   if (auto broken = notificationLimitBroken(info)) {
-    VANTOR_LOG(3, "%s refused a check-in from %@: %@", kCheckin, sender.c_str(), broken->c_str());
+    VANTOR_LOG(3, "%s refused a check-in from %s: %s", kCheckin, sender.c_str(), broken->c_str());
     reply(Value(), ClientError{kErrorLimitsExceeded, "Refused: " + *broken});
     return;
   }
@@ -66,7 +66,7 @@ void Vantor::clientCheckin(const std::string& serviceId, const ServiceEndpoint& 
     // A service whose connection left while its check-in waited is not
     // filed: it could never be reached.
     if (gone->load()) {
-      VANTOR_LOG(5, "%s %@ left before its check-in was handled", kCheckin, sender.c_str());
+      VANTOR_LOG(5, "%s %s left before its check-in was handled", kCheckin, sender.c_str());
       reply(Value(), std::nullopt);
       return;
     }
@@ -89,7 +89,7 @@ void Vantor::registerService(const std::string& serviceId, const ServiceEndpoint
     if (mine >= kMaxCheckinsPerSender) {
       const std::string broken = std::to_string(mine) + " services checked in (limit " +
                                  std::to_string(kMaxCheckinsPerSender) + ")";
-      VANTOR_LOG(3, "%s refused a check-in from %@: %@", kRegister, sender.c_str(), broken.c_str());
+      VANTOR_LOG(3, "%s refused a check-in from %s: %s", kRegister, sender.c_str(), broken.c_str());
       reply(Value(), ClientError{kErrorLimitsExceeded, "Refused: " + broken});
       return;
     }
@@ -121,7 +121,7 @@ void Vantor::registerService(const std::string& serviceId, const ServiceEndpoint
     auto wake = std::make_shared<dispatch::Semaphore>(0);
     auto proxy =
         connection->remoteObjectProxyWithErrorHandler([record, wake](const std::string& error) {
-          VANTOR_LOG(5, "%s remoteObjectProxyWithErrorHandler error: %@", kRegister, error.c_str());
+          VANTOR_LOG(5, "%s remoteObjectProxyWithErrorHandler error: %s", kRegister, error.c_str());
           if (auto c = record->xpcConn())
             c->invalidate();
           wake->signal();

@@ -23,7 +23,7 @@ bool Vantor::pingService(const std::shared_ptr<VantorServiceProxy>& proxy,
 }
 
 void Vantor::notifyRecipients(const std::string& name, const Value& value) {
-  VANTOR_LOG(5, "%s name: %@, value: %@", "-[Vantor notifyRecipients:value:]", name.c_str(),
+  VANTOR_LOG(5, "%s name: %s, value: %s", "-[Vantor notifyRecipients:value:]", name.c_str(),
              value.description().c_str());
   auto self = shared_from_this();
   operation_queue->async([self, name, value] {
@@ -39,7 +39,7 @@ void Vantor::notifyRecipients(const std::string& name, const Value& value) {
           it->second,
           [name, value, identifier](std::shared_ptr<VantorServiceProxy> proxy,
                                     std::function<void()> finish) {
-            VANTOR_LOG(5, "%s %d serviceID: %@", "-[Vantor notifyRecipients:value:]_block_invoke",
+            VANTOR_LOG(5, "%s %d serviceID: %s", "-[Vantor notifyRecipients:value:]_block_invoke",
                        894, identifier.c_str());
             Value::Dictionary notification;
             if (!value.isNull())

@@ -24,11 +24,11 @@ std::optional<Value> Vantor::_checkInfo(const Value& info) const {
   const Value* volume = info.find("VANTOR_VOLUME");
   const std::string* volumeName = volume != nullptr ? volume->asString() : nullptr;
   if (volumeName == nullptr) {
-    VANTOR_LOG(3, "%s No Volume key in info: %@", kCheckInfo, info.description().c_str());
+    VANTOR_LOG(3, "%s No Volume key in info: %s", kCheckInfo, info.description().c_str());
     return errorResult("Parameter error, no Volume key in info dict");
   }
   if (!validateVolume(info)) {
-    VANTOR_LOG(3, "%s Unable to validate volume: %@", kCheckInfo, volumeName->c_str());
+    VANTOR_LOG(3, "%s Unable to validate volume: %s", kCheckInfo, volumeName->c_str());
     return errorResult("Parameter error, Unable to validate volume in info dict");
   }
   return std::nullopt;

@@ -39,7 +39,7 @@ void readDescriptor(const std::string& full, const std::function<void(const Valu
     error = parsed.value ? std::string() : parsed.error;
   }
   // The error is absent when the file parsed but is not a dictionary.
-  VANTOR_LOG(3, "%s propertyListWithData failed: %@", kScan,
+  VANTOR_LOG(3, "%s propertyListWithData failed: %s", kScan,
              error.empty() ? nullptr : error.c_str());
 }
 
@@ -80,22 +80,22 @@ void Vantor::scanServiceDirs() {
         chosen.emplace(name, it->path());
     }
     if (ec && ec != std::errc::no_such_file_or_directory)
-      VANTOR_LOG(3, "%s cannot enumerate %@: %@", kScan, dir.c_str(), ec.message().c_str());
+      VANTOR_LOG(3, "%s cannot enumerate %s: %s", kScan, dir.c_str(), ec.message().c_str());
   }
   for (const auto& entry : chosen) {
     // A plain reference, not a structured binding: lambdas cannot capture one
     // in every compiler this builds with.
     const fs::path& path = entry.second;
     if (masks(path)) {
-      VANTOR_LOG(5, "%s %@ is disabled", kScan, path.c_str());
+      VANTOR_LOG(5, "%s %s is disabled", kScan, path.c_str());
       continue;
     }
-    VANTOR_LOG(5, "%s looking at: %@", kScan, path.c_str());
+    VANTOR_LOG(5, "%s looking at: %s", kScan, path.c_str());
     readDescriptor(path.string(), [&](const Value& descriptor) {
       const Value* id = descriptor.find("VANTOR_ID");
       const std::string* known = id != nullptr ? id->asString() : nullptr;
       if (known != nullptr && services.count(*known) != 0) {
-        VANTOR_LOG(3, "%s %@ is already known; skipping %@", kScan, known->c_str(), path.c_str());
+        VANTOR_LOG(3, "%s %s is already known; skipping %s", kScan, known->c_str(), path.c_str());
         return;
       }
       addDescriptorService(descriptor);
@@ -125,7 +125,7 @@ void Vantor::scanPlistsAtPath(const std::string& path,
   const auto advance = [&](Open& level) {
     level.it.increment(ec);
     if (ec) {
-      VANTOR_LOG(3, "%s cannot enumerate %@: %@", kScan, level.path.c_str(), ec.message().c_str());
+      VANTOR_LOG(3, "%s cannot enumerate %s: %s", kScan, level.path.c_str(), ec.message().c_str());
       level.it = fs::directory_iterator();
     }
   };
@@ -140,7 +140,7 @@ void Vantor::scanPlistsAtPath(const std::string& path,
     const std::string relative = entry.path().lexically_relative(path).string();
     const std::string full =
         path + "/" + (relative.empty() ? entry.path().filename().string() : relative);
-    VANTOR_LOG(5, "%s looking at: %@", kScan, full.c_str());
+    VANTOR_LOG(5, "%s looking at: %s", kScan, full.c_str());
     readDescriptor(full, execBlock);
 
     // Into a subdirectory next; otherwise on to the next entry.
@@ -151,7 +151,7 @@ void Vantor::scanPlistsAtPath(const std::string& path,
         open.push_back({full, std::move(sub)});
         continue;
       }
-      VANTOR_LOG(3, "%s cannot enumerate %@: %@", kScan, full.c_str(), ec.message().c_str());
+      VANTOR_LOG(3, "%s cannot enumerate %s: %s", kScan, full.c_str(), ec.message().c_str());
     }
     advance(open.back());
   }
@@ -186,7 +186,7 @@ void Vantor::addDescriptorService(const Value& descriptor) {
 
   // Presence alone counts, whatever the value.
   if (descriptor.find("VANTOR_DO_NOT_QUERY") != nullptr) {
-    VANTOR_LOG(5, "%s marking %@ as DO_NOT_QUERY", kStep, identifier.c_str());
+    VANTOR_LOG(5, "%s marking %s as DO_NOT_QUERY", kStep, identifier.c_str());
     record->setDoNotQuery(true);
   }
 
@@ -200,7 +200,7 @@ void Vantor::addDescriptorService(const Value& descriptor) {
       }
     }
     record->setDesiredNotifications(Value(names));
-    VANTOR_LOG(5, "%s %@ desiredNotifications: %@", kStep, identifier.c_str(),
+    VANTOR_LOG(5, "%s %s desiredNotifications: %s", kStep, identifier.c_str(),
                Value(names).description().c_str());
   }
 

@@ -15,7 +15,7 @@ bool Vantor::updateInFlight(const std::string& identifier, StringSet& set, InFli
   constexpr char kName[] = "-[Vantor updateInFlight:set:add:]";
   const bool add = change == InFlightChange::kAdd;
   return collection_queue->syncResult([&]() -> bool {
-    VANTOR_LOG(5, "%s %s %@, set: %p", kName, add ? "adding" : "removing", identifier.c_str(),
+    VANTOR_LOG(5, "%s %s %s, set: %p", kName, add ? "adding" : "removing", identifier.c_str(),
                static_cast<const void*>(&set));
     const bool present = set.count(identifier) > 0;
     if (add && !present) {
@@ -23,7 +23,7 @@ bool Vantor::updateInFlight(const std::string& identifier, StringSet& set, InFli
       return true;
     }
     if (add) {
-      VANTOR_LOG(3, "%s trying to add \"%@\", which is already inFlight", kName,
+      VANTOR_LOG(3, "%s trying to add \"%s\", which is already inFlight", kName,
                  identifier.c_str());
       return false;
     }
@@ -31,7 +31,7 @@ bool Vantor::updateInFlight(const std::string& identifier, StringSet& set, InFli
       set.erase(identifier);
       return true;
     }
-    VANTOR_LOG(5, "%s trying to remove \"%@\", which is not inFlight", kName, identifier.c_str());
+    VANTOR_LOG(5, "%s trying to remove \"%s\", which is not inFlight", kName, identifier.c_str());
     return false;
   });
 }

@@ -42,7 +42,7 @@ Vantor::~Vantor() = default;
 bool Vantor::init(const Options& options, std::string* listenError) {
   // Root of the descriptor directory and the entitlement policy.
   rootPath = options.root ? *options.root : envOr("ZEPHON_SIMULATOR_ROOT", "");
-  VANTOR_LOG(5, "%s plistDir: %@", kInit, plistDir().c_str());
+  VANTOR_LOG(5, "%s plistDir: %s", kInit, plistDir().c_str());
 
   default_values = Value::Dictionary{{"VANTOR_CACHE_ENABLED", Value(true)}};
 
@@ -52,7 +52,7 @@ bool Vantor::init(const Options& options, std::string* listenError) {
   userDefaults =
       SettingsStore::open(std::filesystem::path(stateDirectory) / kSuiteFile, &diagnostics);
   if (!diagnostics.warning.empty()) {
-    VANTOR_LOG(3, "%s settings store: %@", kInit, diagnostics.warning.c_str());
+    VANTOR_LOG(3, "%s settings store: %s", kInit, diagnostics.warning.c_str());
   }
   if (!userDefaults)
     VANTOR_LOG(3, "%s Unable to initialize user defaults!", kInit);
@@ -119,7 +119,7 @@ void Vantor::reloadEntitlementPolicy() {
   std::vector<std::string> warnings;
   auto policy = EntitlementPolicy::load(entitlementDirectory(rootPath), &warnings);
   for (const auto& warning : warnings) {
-    VANTOR_LOG(3, "%s entitlement policy: %@", "-[Vantor reloadEntitlementPolicy]",
+    VANTOR_LOG(3, "%s entitlement policy: %s", "-[Vantor reloadEntitlementPolicy]",
                warning.c_str());
   }
   VANTOR_LOG(5, "%s %d entitlement rules in force", "-[Vantor reloadEntitlementPolicy]",

@@ -176,7 +176,7 @@ std::optional<DailyScheduler::WallClock::time_point> DailyScheduler::readStamp()
   char* end = nullptr;
   const long long microseconds = std::strtoll(text.c_str(), &end, 10);
   if (!bytes || end == text.c_str() || (*end != '\0' && *end != '\n') || microseconds < 0) {
-    VANTOR_LOG(3, "%s unreadable %@, counting the start as the last run", kName,
+    VANTOR_LOG(3, "%s unreadable %s, counting the start as the last run", kName,
                stampFile_.c_str());
     return std::nullopt;
   }
@@ -199,7 +199,7 @@ void DailyScheduler::writeStamp(WallClock::time_point when) const {
   if (written)
     std::filesystem::rename(next, stampFile_, error);
   if (!written || error) {
-    VANTOR_LOG(3, "%s cannot write %@: %s", kName, stampFile_.c_str(),
+    VANTOR_LOG(3, "%s cannot write %s: %s", kName, stampFile_.c_str(),
                error ? error.message().c_str() : std::strerror(errno));
   }
 }

@@ -50,7 +50,7 @@ void handleLowDiskEvent(const VolumeEvent& event, const LowDiskActions& actions)
 }
 
 void Vantor::handleVFSStreamXPCEvent(const VolumeEvent& event) {
-  VANTOR_LOG(5, "%s event for %@, _Flags: 0x%llx", kHandle, event.volume.c_str(),
+  VANTOR_LOG(5, "%s event for %s, _Flags: 0x%llx", kHandle, event.volume.c_str(),
              static_cast<unsigned long long>(event.flags));
   handleLowDiskEvent(event, LowDiskActions{
                                 lowSpaceVolumes,

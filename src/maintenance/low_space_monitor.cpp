@@ -201,7 +201,7 @@ void LowSpaceMonitor::raise(const std::string& volume, std::uint64_t flags) {
     handler_(VolumeEvent{flags, volume}, handled);
   } catch (const std::exception& e) {
     // Not handed on: the volume must not wait for an end that never comes.
-    VANTOR_LOG(3, "%s cannot hand on the event for %@: %s", kPoll, volume.c_str(), e.what());
+    VANTOR_LOG(3, "%s cannot hand on the event for %s: %s", kPoll, volume.c_str(), e.what());
     handled();
   }
 }
@@ -214,7 +214,7 @@ void LowSpaceMonitor::pollVolumes() {
     std::string list;
     for (const auto& volume : volumes)
       list += (list.empty() ? "" : ", ") + volume;
-    VANTOR_LOG(5, "%s watching %@", kPoll, list.c_str());
+    VANTOR_LOG(5, "%s watching %s", kPoll, list.c_str());
     watched_ = volumes;
   }
   const bool canAct = canAct_();
@@ -249,7 +249,7 @@ void LowSpaceMonitor::announce(const std::string& volume, const VolumeSpace& spa
   const bool veryLow = (entered & kVqVeryLowDisk) != 0;
   const std::uint64_t threshold = veryLow ? thresholds.veryLow : thresholds.low;
   VANTOR_LOG(
-      3, "%s %@ is %s on space: %llu bytes available of %llu, below %llu", kPoll, volume.c_str(),
+      3, "%s %s is %s on space: %llu bytes available of %llu, below %llu", kPoll, volume.c_str(),
       veryLow ? "very low" : "low", static_cast<unsigned long long>(space.available),
       static_cast<unsigned long long>(space.size), static_cast<unsigned long long>(threshold));
   if (notifyLowSpace(volume, space.available, threshold, veryLow) != 0) {

@@ -24,17 +24,17 @@ void Vantor::performPeriodicsWithInfo(const Value& info) {
       // A request still outstanding is not sent again.
       if (!updateInFlight(identifier, periodicInFlight, InFlightChange::kAdd))
         continue;
-      VANTOR_LOG(5, "%s CallService with serviceID: %@", kPerform, identifier.c_str());
+      VANTOR_LOG(5, "%s CallService with serviceID: %s", kPerform, identifier.c_str());
       CallService(
           service,
           [self, identifier = identifier, info](std::shared_ptr<VantorServiceProxy> proxy,
                                                 std::function<void()> finish) {
             dispatch::globalAsync([self, identifier, info, proxy, finish] {
-              VANTOR_LOG(5, "%s calling proxy for %@",
+              VANTOR_LOG(5, "%s calling proxy for %s",
                          "-[Vantor performPeriodicsWithInfo:]_block_invoke", identifier.c_str());
               proxy->servicePeriodic(
                   kPeriodicUrgency, info, [self, identifier, finish](Value purged) {
-                    VANTOR_LOG(5, "%s proxy %@ replied, purged: %@",
+                    VANTOR_LOG(5, "%s proxy %s replied, purged: %s",
                                "-[Vantor performPeriodicsWithInfo:]_block_invoke_2",
                                identifier.c_str(), purged.description().c_str());
                     finish();

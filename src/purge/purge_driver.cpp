@@ -87,7 +87,7 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
   // count as purged: such a purge is refused as a volume that cannot be used.
   const auto begin = volumeSpace(volume);
   if (!begin) {
-    VANTOR_LOG(3, "%s cannot measure the free space of %@ at the start: %s", kPurge, volume.c_str(),
+    VANTOR_LOG(3, "%s cannot measure the free space of %s at the start: %s", kPurge, volume.c_str(),
                std::strerror(errno));
     return Value(Value::Dictionary{
         {"VANTOR_ERROR", Value("Parameter error, Unable to validate volume in info dict")}});
@@ -95,7 +95,7 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
   working->set("VANTOR_FREESPACE_BEGIN", Value(begin->available));
   purgeHistory.begin(working.get(), historyOpening(volume));
   if (logGate(5)) {
-    VANTOR_LOG(5, "%s info at start: %@", kPurge, working->snapshot().description().c_str());
+    VANTOR_LOG(5, "%s info at start: %s", kPurge, working->snapshot().description().c_str());
   }
 
   auto done = std::make_shared<dispatch::Semaphore>(0);
@@ -118,7 +118,7 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
     // The body goes on in the background and keeps writing its figures into
     // the working dictionary; the caller gets them as they stand now.
     if (logGate(3)) {
-      VANTOR_LOG(3, "%s timed out waiting for purge, result: %@, services still in flight: %@",
+      VANTOR_LOG(3, "%s timed out waiting for purge, result: %s, services still in flight: %s",
                  kPurge, working->snapshot().description().c_str(),
                  inFlightDescription(purgeInFlight).c_str());
     }
@@ -135,7 +135,7 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
   working->set("VANTOR_AMOUNT_REPORTED", Value(purge_amount_reported.load()));
   working->set("VANTOR_FREESPACE_END", Value(volumeFreespace(volume)));
   Value result = working->snapshot();
-  VANTOR_LOG(5, "%s result %@", kPurge, result.description().c_str());
+  VANTOR_LOG(5, "%s result %s", kPurge, result.description().c_str());
 
   if (purged < purge_amount_needed.load()) {
     addReportStat(kDomain, std::string("VantorPurgeFailed"), 1);
@@ -153,7 +153,7 @@ Value Vantor::purge(const Value& info, const PurgeCallback& callback) {
        {"freed", Value(purged)},
        {"reported", Value(purge_amount_reported.load())},
        {"servicesFinished", Value(result.find("VANTOR_ASYNC_COMPLETE") != nullptr)}});
-  VANTOR_LOG(3, "%s purge finished: %@", kPurge, Value(entry).description().c_str());
+  VANTOR_LOG(3, "%s purge finished: %s", kPurge, Value(entry).description().c_str());
   notifyPurgeFinished(entry);
   return result;
 }
@@ -169,7 +169,7 @@ void Vantor::purgeBody(const std::shared_ptr<WorkingInfo>& working,
     purge_amount_needed.store(amount.uint64Value());
   } else {
     // The previous purge's figure stays in force.
-    VANTOR_LOG(3, "%s %d amount is not a number: %@", kBody, 773, amount.description().c_str());
+    VANTOR_LOG(3, "%s %d amount is not a number: %s", kBody, 773, amount.description().c_str());
   }
   purge_amount_reported.store(0);
   addDistributionStat(kDomain, "VantorPurgeAmountRequested",
@@ -201,7 +201,7 @@ void Vantor::purgeBody(const std::shared_ptr<WorkingInfo>& working,
           userTimeout != 0 ? userTimeout : 2 * static_cast<std::uint64_t>(currentUrgency.load());
       VANTOR_LOG(5, "%s waiting for %llu seconds", kBody, static_cast<unsigned long long>(wait));
       if (!semaphore->wait(dispatch::after(std::chrono::seconds(wait)))) {
-        VANTOR_LOG(3, "%s timed out waiting for: %@, purge_active_service_count: %d", kBody,
+        VANTOR_LOG(3, "%s timed out waiting for: %s, purge_active_service_count: %d", kBody,
                    inFlightDescription(purgeInFlight).c_str(), purge_active_service_count.load());
       }
     }

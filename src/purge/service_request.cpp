@@ -76,7 +76,7 @@ void Vantor::sendServiceRequest(const std::shared_ptr<VTService>& service,
       service,
       [self, service, identifier, info, request, callback, donation](
           std::shared_ptr<VantorServiceProxy> proxy, std::function<void()> finish) {
-        VANTOR_LOG(5, "%s requesting %lld bytes from %@ at urgency %d", kSend,
+        VANTOR_LOG(5, "%s requesting %lld bytes from %s at urgency %d", kSend,
                    static_cast<long long>(donation), identifier.c_str(),
                    self->currentUrgency.load());
         const std::uint64_t start = clock::monotonicTicks();
@@ -116,7 +116,7 @@ void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
   if (amount.isNumber()) {
     bytes = amount.uint64Value();
   } else {
-    VANTOR_LOG(3, "%s %d num is not a number: %@", kReply, 686, amount.description().c_str());
+    VANTOR_LOG(3, "%s %d num is not a number: %s", kReply, 686, amount.description().c_str());
   }
   purge_amount_reported.fetch_add(bytes);
   // Noted before the semaphore can end the purge, so its entry has every reply.
@@ -135,7 +135,7 @@ void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
   }
 
   if (callback) {
-    VANTOR_LOG(5, "%s %@ calling callback with: %@", kReply, identifier.c_str(),
+    VANTOR_LOG(5, "%s %s calling callback with: %s", kReply, identifier.c_str(),
                replyCopy.description().c_str());
     callback(replyCopy);
   }
@@ -152,7 +152,7 @@ void Vantor::accountServiceReply(const std::shared_ptr<VTService>& service,
   }
 
   const double elapsed = static_cast<double>(end - start) * gTimebaseConversion;
-  VANTOR_LOG(5, "%s %@ took %f seconds, purged: %@", kReply, identifier.c_str(), elapsed / 1e9,
+  VANTOR_LOG(5, "%s %s took %f seconds, purged: %s", kReply, identifier.c_str(), elapsed / 1e9,
              replyCopy.description().c_str());
   addDistributionStat(kDomain, statistic, elapsed);
 }
@@ -184,10 +184,10 @@ void Vantor::reportPercentageForAmountRequested(std::int64_t requested, std::int
                                std::to_string(purgePercentageBucket(requested, purged)) +
                                ".percent";
     addReportStat(kDomain, bucket, 1);
-    VANTOR_LOG(5, "%s %@", kReport, bucket.c_str());
+    VANTOR_LOG(5, "%s %s", kReport, bucket.c_str());
   }
   addReportStat(kDomain, identifier + ".purged", purged);
-  VANTOR_LOG(5, "%s %@ donated %lld of %lld", kReport, identifier.c_str(),
+  VANTOR_LOG(5, "%s %s donated %lld of %lld", kReport, identifier.c_str(),
              static_cast<long long>(purged), static_cast<long long>(requested));
 }
 

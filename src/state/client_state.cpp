@@ -151,10 +151,10 @@ void Vantor::_clientSetState(const Value& value, const Value& key, const StatusR
   if (const std::string* name = key.asString()) {
     if (!sender.empty()) {
       if (std::string error; !userDefaults->synchronize(&error))
-        VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
+        VANTOR_LOG(3, "%s settings store: %s", kName, error.c_str());
       if (auto broken =
               limitBroken(writtenState(*userDefaults), unwrittenState.changes, *name, value)) {
-        VANTOR_LOG(3, "%s refused a set from %@: %@", kName, sender.c_str(), broken->c_str());
+        VANTOR_LOG(3, "%s refused a set from %s: %s", kName, sender.c_str(), broken->c_str());
         reply(ClientError{kErrorLimitsExceeded, "Refused: " + *broken});
         return;
       }
@@ -178,7 +178,7 @@ void Vantor::_writeUnwrittenState() {
   }
   UnwrittenState batch = std::exchange(unwrittenState, {});
   if (std::string error; !userDefaults->synchronize(&error))
-    VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
+    VANTOR_LOG(3, "%s settings store: %s", kName, error.c_str());
   auto staged = userDefaults->stageMerge(kStateKey, std::move(batch.changes));
   writeInFlight = WriteInFlight{staged, std::move(batch.waiting)};
   if (staged->replacedDictionary()) {
@@ -210,7 +210,7 @@ void Vantor::_finishWrite(bool written, const std::string& error) {
   // their callers are told why.
   std::optional<ClientError> failure;
   if (!written) {
-    VANTOR_LOG(3, "%s cannot write the settings store: %@", kName, error.c_str());
+    VANTOR_LOG(3, "%s cannot write the settings store: %s", kName, error.c_str());
     failure = ClientError{kErrorIOError, "The settings store cannot be written: " + error};
   }
   for (const auto& answer : done.waiting)
@@ -233,14 +233,14 @@ void Vantor::_answerState(const Value& key, const ObjectReply& reply,
   constexpr char kName[] = "-[Vantor _clientGetState:replyBlock:]";
   const std::string* name = key.asString();
   if (name == nullptr) {
-    VANTOR_LOG(3, "%s key is not an NSString: %@", kName, key.description().c_str());
+    VANTOR_LOG(3, "%s key is not an NSString: %s", kName, key.description().c_str());
     reply(Value());
     return;
   }
   const Value* stored = nullptr;
   if (userDefaults) {
     if (std::string error; !userDefaults->synchronize(&error))
-      VANTOR_LOG(3, "%s settings store: %@", kName, error.c_str());
+      VANTOR_LOG(3, "%s settings store: %s", kName, error.c_str());
     stored = userDefaults->objectForKey(kStateKey);
   }
   // Stored values are lent to the reply, not copied: the record of the
@@ -270,14 +270,14 @@ void Vantor::_answerState(const Value& key, const ObjectReply& reply,
       reply(*found);
     } else if (default_values.count(*name) > 0) {
       const Value& answer = defaultFor(*name);
-      VANTOR_LOG(5, "%s using default value: %@ for key: %@", kName, answer.description().c_str(),
+      VANTOR_LOG(5, "%s using default value: %s for key: %s", kName, answer.description().c_str(),
                  name->c_str());
       reply(answer);
     } else {
       reply(kNull);
     }
   } else if (stored != nullptr) {
-    VANTOR_LOG(3, "%s persistent_state is not a dictionary: %@", kName,
+    VANTOR_LOG(3, "%s persistent_state is not a dictionary: %s", kName,
                stored->description().c_str());
     reply(kNull);
   } else {

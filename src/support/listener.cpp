@@ -97,7 +97,7 @@ class CallLimits : public std::enable_shared_from_this<CallLimits> {
       bool& refusing = limit == kMaxCallsPerSender ? entry.refusing : refusingAll_;
       if (!refusing) {
         refusing = true;
-        VANTOR_LOG(3, "%s refusing calls from %@: %@", "-[VantorListener dispatchCall]",
+        VANTOR_LOG(3, "%s refusing calls from %s: %s", "-[VantorListener dispatchCall]",
                    sender.c_str(), reason->c_str());
       }
       if (entry.live.empty())
@@ -656,7 +656,7 @@ void VantorListener::admitConnection(const std::shared_ptr<const ClientConnectio
                                      const std::function<void()>& deny) {
   if (!connectionIsEntitled(connection.get(),
                             std::vector<std::string>(required_.begin(), required_.end()))) {
-    VANTOR_LOG(3, "%s refused a call from %@: not entitled", "-[VantorListener admit]",
+    VANTOR_LOG(3, "%s refused a call from %s: not entitled", "-[VantorListener admit]",
                connection->sender().c_str());
     deny();
     return;

@@ -59,24 +59,8 @@ bool logGate(int level) {
 }
 
 std::string formatLogText(const char* format, va_list args) {
-  // "%@" consumes a C string, so the format becomes a plain printf format.
-  std::string plain;
-  for (const char* p = format; *p != '\0'; ++p) {
-    if (p[0] == '%' && p[1] == '%') {
-      plain += "%%";
-      ++p;
-    } else if (p[0] == '%' && p[1] == '@') {
-      plain += "%s";
-      ++p;
-    } else {
-      plain += *p;
-    }
-  }
   char buffer[16384];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  int n = std::vsnprintf(buffer, sizeof buffer, plain.c_str(), args);
-#pragma GCC diagnostic pop
+  int n = std::vsnprintf(buffer, sizeof buffer, format, args);
   if (n < 0)
     return "(unformattable log line)";
   return std::string(buffer, std::min<std::size_t>(static_cast<std::size_t>(n), sizeof buffer - 1));

@@ -17,9 +17,9 @@
 //     is 3 or more.
 // Lines go to stderr as "<N>Tag: text" so journald files them at priority N.
 //
-// Formats take printf conversions plus "%@", which consumes a `const char*`
-// holding an object's description ("(null)" for a null pointer). Use
-// VANTOR_LOG: it evaluates the arguments only when the line is written.
+// Formats are printf formats, checked against their arguments by the
+// compiler; an object is written with "%s" and its description's c_str().
+// Use VANTOR_LOG: it evaluates the arguments only when the line is written.
 
 namespace vantor {
 
@@ -43,16 +43,23 @@ using LogWriteFunction = void (*)(const LogHandle* handle, int level, const char
 // capture lines. The default, writeLogLine, writes to stderr.
 extern std::atomic<LogWriteFunction> gMOLogWrite;
 
-void writeLogLine(const LogHandle* handle, int level, const char* tag, const char* format, ...);
+[[gnu::format(printf, 4, 5)]] void writeLogLine(const LogHandle* handle, int level, const char* tag,
+                                                const char* format, ...);
 
-// Renders a format with "%@" conversions (exposed for writers installed by
-// tests). Lines longer than 16 KiB are cut.
-std::string formatLogText(const char* format, va_list args);
+// Renders a format (exposed for writers installed by tests). Lines longer
+// than 16 KiB are cut.
+[[gnu::format(printf, 1, 0)]] std::string formatLogText(const char* format, va_list args);
+
+// Never called: lets the compiler check a log line's format against its
+// arguments, which the writer, called through a pointer, cannot.
+[[gnu::format(printf, 1, 2)]] inline void checkLogFormat(const char*, ...) {}
 
 }  // namespace vantor
 
 #define VANTOR_LOG(level, ...)                                                                \
   do {                                                                                        \
+    if (false)                                                                                \
+      ::vantor::checkLogFormat(__VA_ARGS__);                                                  \
     if (::vantor::logGate(level)) {                                                           \
       ::vantor::gMOLogWrite.load()(::vantor::getLogHandle(), (level), "Vantor", __VA_ARGS__); \
     }                                                                                         \
