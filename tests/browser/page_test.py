@@ -50,11 +50,26 @@ def bytes_of(element, selector):
     return int(element.find_element(By.CSS_SELECTOR, selector).get_attribute("data-bytes"))
 
 
-def standard_services(h):
-    h.start_service("com.example.browser-cache", "--amount", str(3 * GiB // 2))
-    h.start_service("com.example.thumbnails", "--amount", str(256 * MiB))
-    h.start_service("com.example.mail-index", "--amount", str(40 * MiB), "--periodic")
-    h.start_service("com.example.logs", "--no-purge", "--periodic")
+def start(h, *services, env=None, users=None):
+    """The bus, vantord, the example `services` (each a list of arguments),
+    the web server and the browser, with the page open."""
+    h.start_bus()
+    h.start_daemon(env=env, users=users)
+    for service in services:
+        h.start_service(*service)
+    h.start_cockpit()
+    h.start_browser()
+    open_page(h)
+
+
+def random_files(h, name, count):
+    """A directory of `count` files of 1 MiB of random bytes."""
+    path = os.path.join(h.dir, name)
+    os.makedirs(path)
+    for i in range(count):
+        with open(os.path.join(path, f"{i:02}.bin"), "wb") as f:
+            f.write(os.urandom(MiB))
+    return path
 
 
 # ---------------------------------------------------------------------------
@@ -62,12 +77,10 @@ def standard_services(h):
 
 def case_figures(h):
     """The volume bars and the per-source figures are vantorctl's."""
-    h.start_bus()
-    h.start_daemon()
-    standard_services(h)
-    h.start_cockpit()
-    h.start_browser()
-    open_page(h)
+    start(h, ["com.example.browser-cache", "--amount", str(3 * GiB // 2)],
+          ["com.example.thumbnails", "--amount", str(256 * MiB)],
+          ["com.example.mail-index", "--amount", str(40 * MiB), "--periodic"],
+          ["com.example.logs", "--no-purge", "--periodic"])
     assert css(h, "#page")[0].get_attribute("data-state") == "ready", h.driver.page_source[:2000]
 
     status = h.vantorctl_json("status")
@@ -124,18 +137,8 @@ def case_reclaim(h):
     """A reclaim from the dialog reaches the services; its history row comes
     without reloading; a slow one can be cancelled."""
     from selenium.webdriver.support.ui import Select
-    h.start_bus()
-    h.start_daemon()
-    files = os.path.join(h.dir, "thumbnails")
-    os.makedirs(files)
-    for i in range(12):
-        with open(os.path.join(files, f"{i:02}.bin"), "wb") as f:
-            f.write(os.urandom(MiB))
-    h.start_service("com.example.browser-cache", "--amount", str(64 * MiB))
-    h.start_service("com.example.thumbnails", "--files", files)
-    h.start_cockpit()
-    h.start_browser()
-    open_page(h)
+    start(h, ["com.example.browser-cache", "--amount", str(64 * MiB)],
+          ["com.example.thumbnails", "--files", random_files(h, "thumbnails", 12)])
     assert not css(h, "#history-body .history-row")
 
     def reclaim(amount, unit, urgency_mode, urgency):
@@ -172,12 +175,8 @@ def case_reclaim(h):
     assert {s.get_attribute("data-service") for s in shares} == set(history[0]["services"])
 
     # A slow purge: the dialog shows progress and cancels it.
-    slow = os.path.join(h.dir, "slow")
-    os.makedirs(slow)
-    for i in range(40):
-        with open(os.path.join(slow, f"{i:02}.bin"), "wb") as f:
-            f.write(os.urandom(MiB))
-    h.start_service("com.example.slow-cache", "--files", slow, "--purge-step-ms", "400")
+    h.start_service("com.example.slow-cache", "--files", random_files(h, "slow", 40),
+                    "--purge-step-ms", "400")
     reclaim(1, "GiB", "limit", 3)
     wait_css(h, '#reclaim-dialog[data-phase="running"]')
     harness.wait_until(lambda: h.service_lines("com.example.slow-cache", "purge ") >= 1, DEADLINE,
@@ -203,7 +202,6 @@ def case_reclaim(h):
 
 def case_low_space(h):
     """A LowSpace signal shows the banner."""
-    h.start_bus()
     probe = os.statvfs(h.dir)
     available = probe.f_bavail * probe.f_frsize
     if available < 12 * GiB:
@@ -211,12 +209,9 @@ def case_low_space(h):
         return harness.SKIP
     # The line lies 3 GiB below the free space: a 6 GiB file takes the
     # volume under it, whatever else writes to the disk meanwhile.
-    h.start_daemon(env={"VANTOR_LOWDISK_BYTES": str(available - 3 * GiB),
-                        "VANTOR_VERYLOWDISK_BYTES": "0", "VANTOR_LOWSPACE_POLL_SECONDS": "0.2"})
-    h.start_service("com.example.browser-cache", "--amount", str(64 * MiB))
-    h.start_cockpit()
-    h.start_browser()
-    open_page(h)
+    start(h, ["com.example.browser-cache", "--amount", str(64 * MiB)],
+          env={"VANTOR_LOWDISK_BYTES": str(available - 3 * GiB),
+               "VANTOR_VERYLOWDISK_BYTES": "0", "VANTOR_LOWSPACE_POLL_SECONDS": "0.2"})
     assert css(h, "#page")[0].get_attribute("data-state") == "ready"
     assert not css(h, ".low-space-banner")
     ballast = os.path.join(h.dir, "ballast")
@@ -236,11 +231,7 @@ def case_low_space(h):
 
 def case_access(h):
     """A session vantord does not serve sees which entitlement is missing."""
-    h.start_bus()
-    h.start_daemon(users=["4242"])  # not the session's user
-    h.start_cockpit()
-    h.start_browser()
-    open_page(h)
+    start(h, users=["4242"])  # not the session's user
     box = wait_css(h, "#access")[0]
     page_waits(h).until(lambda d: box.is_displayed(), "the access message")
     assert box.get_attribute("data-entitlement") == "CLIENT_ENTITLEMENT"
@@ -270,15 +261,15 @@ def case_load(h):
     h.start_daemon()
     # A bus connection checks in at most 16 services. The purges meet the
     # first 15, which keeps the set-up short on a busy machine.
-    def start(i):
+    def start_cache(i):
         count = 15 if i < 6 else 10
         h.start_service(f"com.example.cache{i}", "--checkin-ids", str(count),
                         "--amount", str((i + 1) * 37 * MiB), expect=count)
-    start(0)
+    start_cache(0)
     for _ in range(64):
         h.vantorctl("purge", "--urgency", "1", "--timeout", "1", "1K", "/")
     for i in range(1, 7):
-        start(i)
+        start_cache(i)
     assert len(h.vantorctl_json("history")) == 64
     h.start_cockpit()
     h.start_browser()

@@ -12,9 +12,9 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "process.h"
@@ -71,13 +71,13 @@ TEST_F(CommandSourceTest, PurgeIsAnsweredWithTheMeasuredBytesNotWhatTheCommandCl
     std::uint64_t answer;
   } cases[] = {{"600", 400}, {"1500", 0}};
   for (const auto& c : cases) {
-    const fs::path size = write("size", "1000\n");
-    CommandDefinition definition;
-    definition.name = "liar";
-    definition.measure = {"/bin/cat", size.string()};
-    definition.purge = {script("purge", "echo " + std::string(c.sizeAfter) + " > " + size.string() +
-                                            "\necho freed 99999999 bytes")};
-    EXPECT_EQ(CommandSource(definition).purge(4, 500, {}), c.answer) << c.sizeAfter;
+    const std::string size = write("size", "1000\n").string();
+    const std::string purge = script(
+        "purge", "echo " + std::string(c.sizeAfter) + " > " + size + "\necho freed 9999 bytes");
+    EXPECT_EQ(CommandSource({.name = "liar", .measure = {"/bin/cat", size}, .purge = {purge}})
+                  .purge(4, 500, {}),
+              c.answer)
+        << c.sizeAfter;
   }
 }
 
@@ -94,10 +94,8 @@ TEST_F(CommandSourceTest, MeasureSumsTheLeadingSizeOfEachLine) {
       {"12XB\n", std::nullopt},
   };
   for (const auto& c : cases) {
-    CommandDefinition definition;
-    definition.name = "sizes";
-    definition.measure = {"/usr/bin/printf", c.output};
-    definition.purge = {"/bin/true"};
+    const CommandDefinition definition{
+        .name = "sizes", .measure = {"/usr/bin/printf", c.output}, .purge = {"/bin/true"}};
     EXPECT_EQ(CommandSource(definition).measure({}), c.bytes) << c.output;
   }
 }
@@ -122,13 +120,13 @@ TEST_F(CommandSourceTest, HangingCommandIsStoppedByItsTimeLimitOrByCancelWithNot
     SCOPED_TRACE(c.what);
     const fs::path pids = root_ / "pids";
     fs::remove(pids);
-    CommandDefinition definition;
-    definition.name = "hang";
-    definition.timeout = std::chrono::seconds(c.timeoutSeconds);
-    definition.measure = {script("hang", std::string(c.ignoresTerm ? "trap '' TERM\n" : "") +
-                                             "/bin/sleep 1000 &\necho $$ $! > " + pids.string() +
-                                             "\nwait")};
-    definition.purge = {"/bin/true"};
+    const CommandDefinition definition{
+        .name = "hang",
+        .measure = {script("hang", std::string(c.ignoresTerm ? "trap '' TERM\n" : "") +
+                                       "/bin/sleep 1000 &\necho $$ $! > " + pids.string() +
+                                       "\nwait")},
+        .purge = {"/bin/true"},
+        .timeout = std::chrono::seconds(c.timeoutSeconds)};
     const auto start = Clock::now();
     // Cancelled as soon as the command is known to be running.
     const auto result =
@@ -151,13 +149,11 @@ TEST_F(CommandSourceTest, HangingCommandIsStoppedByItsTimeLimitOrByCancelWithNot
 
 TEST_F(CommandSourceTest, KeepAndBytesAreSubstitutedAtEachUrgencyAndNothingRunsBelowTheMinimum) {
   const fs::path calls = root_ / "calls";
-  CommandDefinition definition;
-  definition.name = "args";
-  definition.minimumUrgency = 2;
-  definition.measure = {"/bin/cat", write("size", "1000\n").string()};
-  definition.purge = {script("purge", "echo \"$@\" >> " + calls.string()), "--bytes={bytes}",
-                      "keep={keep}/{keep}"};
-  const CommandSource source(definition);
+  const CommandSource source({.name = "args",
+                              .measure = {"/bin/cat", write("size", "1000\n").string()},
+                              .purge = {script("purge", "echo \"$@\" >> " + calls.string()),
+                                        "--bytes={bytes}", "keep={keep}/{keep}"},
+                              .minimumUrgency = 2});
   for (std::int32_t urgency = 1; urgency <= 4; ++urgency)
     source.purge(urgency, 300 * static_cast<std::uint64_t>(urgency), {});
   EXPECT_EQ(readText(calls),
@@ -240,15 +236,6 @@ TEST_F(CommandSourceTest, ShippedExamplesAreReadAndRunAgainstStandIns) {
   EXPECT_GT(count, 0);
 }
 
-fs::path journalRemote() {
-  for (const char* path :
-       {"/lib/systemd/systemd-journal-remote", "/usr/lib/systemd/systemd-journal-remote"}) {
-    if (::access(path, X_OK) == 0)
-      return path;
-  }
-  return {};
-}
-
 std::uint64_t allocated(const fs::path& file) {
   struct stat st {};
   EXPECT_EQ(::stat(file.c_str(), &st), 0) << file;
@@ -256,8 +243,10 @@ std::uint64_t allocated(const fs::path& file) {
 }
 
 TEST_F(CommandSourceTest, ShippedJournalSourceVacuumsArchivedFilesOldestFirstOnly) {
-  const fs::path remote = journalRemote();
-  if (remote.empty() || ::access("/usr/bin/journalctl", X_OK) != 0)
+  fs::path remote = "/lib/systemd/systemd-journal-remote";
+  if (::access(remote.c_str(), X_OK) != 0)
+    remote = "/usr/lib/systemd/systemd-journal-remote";
+  if (::access(remote.c_str(), X_OK) != 0 || ::access("/usr/bin/journalctl", X_OK) != 0)
     GTEST_SKIP() << "systemd-journal-remote (package systemd-journal-remote) or journalctl missing";
 
   // The shipped file as it is installed: root's, mode 0644.
@@ -278,28 +267,24 @@ TEST_F(CommandSourceTest, ShippedJournalSourceVacuumsArchivedFilesOldestFirstOnl
 
   // Three archived files, oldest first, and the active one.
   const fs::path dir = root_ / "var/log/journal/0123456789abcdef0123456789abcdef";
+  const fs::path active = dir / "system.journal";
   fs::create_directories(dir);
   std::vector<fs::path> archived;
   for (int i = 1; i <= 4; ++i) {
     const long long realtime = 1700000000000000LL + i * 1000000LL;
-    const fs::path input =
-        write("entry" + std::to_string(i), "__REALTIME_TIMESTAMP=" + std::to_string(realtime) +
-                                               "\n__MONOTONIC_TIMESTAMP=" + std::to_string(i) +
-                                               "\n_BOOT_ID=00112233445566778899aabbccddeeff\n"
-                                               "_HOSTNAME=test\nMESSAGE=entry " +
-                                               std::to_string(i) + "\n\n");
+    const fs::path input = write("entry", "__REALTIME_TIMESTAMP=" + std::to_string(realtime) +
+                                              "\n__MONOTONIC_TIMESTAMP=" + std::to_string(i) +
+                                              "\n_BOOT_ID=00112233445566778899aabbccddeeff\n"
+                                              "_HOSTNAME=test\nMESSAGE=entry\n\n");
     char name[128];
     std::snprintf(name, sizeof name,
                   "system@fedcba9876543210fedcba9876543210-%016x-%016llx.journal", i, realtime);
-    const fs::path out = i <= 3 ? dir / name : dir / "system.journal";
+    const fs::path out = i <= 3 ? archived.emplace_back(dir / name) : active;
     const auto made =
         runCommand({remote.string(), "--split-mode=none", "-o", out.string(), input.string()},
                    std::chrono::seconds(30), {}, "journal-remote");
     ASSERT_TRUE(made.succeeded()) << made.describe();
-    if (i <= 3)
-      archived.push_back(out);
   }
-  const fs::path active = dir / "system.journal";
   struct stat activeBefore {};
   ASSERT_EQ(::stat(active.c_str(), &activeBefore), 0);
 
@@ -317,13 +302,11 @@ TEST_F(CommandSourceTest, ShippedJournalSourceVacuumsArchivedFilesOldestFirstOnl
   EXPECT_EQ(freed, share);
   EXPECT_EQ(freed, *before - source.measure({}).value());
   EXPECT_FALSE(fs::exists(archived[0]));
-  EXPECT_TRUE(fs::exists(archived[1]));
-  EXPECT_TRUE(fs::exists(archived[2]));
+  EXPECT_TRUE(fs::exists(archived[1]) && fs::exists(archived[2]));
   struct stat activeAfter {};
   ASSERT_EQ(::stat(active.c_str(), &activeAfter), 0);
-  EXPECT_EQ(activeAfter.st_ino, activeBefore.st_ino);
-  EXPECT_EQ(activeAfter.st_size, activeBefore.st_size);
-  EXPECT_EQ(activeAfter.st_mtim.tv_nsec, activeBefore.st_mtim.tv_nsec);
+  EXPECT_EQ(std::tie(activeAfter.st_ino, activeAfter.st_size, activeAfter.st_mtim.tv_nsec),
+            std::tie(activeBefore.st_ino, activeBefore.st_size, activeBefore.st_mtim.tv_nsec));
 }
 
 }  // namespace
