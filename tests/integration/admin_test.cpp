@@ -20,45 +20,21 @@ using std::chrono::seconds;
 constexpr char kAdmin[] = "com.tessaly.vantor.Admin";
 constexpr std::uint64_t kMiB = 1 << 20;
 
-using NamedEntries = std::vector<sdbus::Struct<std::string, VariantMap>>;
-
 class Admin : public ClientTest {
  protected:
-  void start(const std::vector<std::string>& names,
-             const std::map<std::string, std::string>& env = {}) {
-    ClientTest::start(names, env);
-    proxy_ = sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor");
-  }
-
-  std::map<std::string, Value::Dictionary> named(const std::string& method) {
-    NamedEntries reply;
-    proxy_->callMethod(method).onInterface(kAdmin).storeResultsTo(reply);
-    std::map<std::string, Value::Dictionary> out;
-    for (const auto& entry : reply)
-      out.emplace(std::get<0>(entry), fromVariantMap(std::get<1>(entry)));
-    return out;
-  }
-  std::map<std::string, Value::Dictionary> statistics() {
-    std::map<std::string, VariantMap> reply;
-    proxy_->callMethod("GetStatistics").onInterface(kAdmin).storeResultsTo(reply);
-    std::map<std::string, Value::Dictionary> out;
-    for (const auto& [name, summary] : reply)
-      out.emplace(name, fromVariantMap(summary));
-    return out;
-  }
-  Value::Array history() {
-    std::vector<VariantMap> reply;
-    proxy_->callMethod("GetPurgeHistory").onInterface(kAdmin).storeResultsTo(reply);
-    Value::Array out;
-    for (const auto& entry : reply)
-      out.emplace_back(fromVariantMap(entry));
-    return out;
+  // The answer of an Admin method that takes no arguments.
+  template <typename Reply>
+  Reply admin(const char* method) {
+    Reply reply;
+    sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor")
+        ->callMethod(method)
+        .onInterface(kAdmin)
+        .storeResultsTo(reply);
+    return reply;
   }
   Value::Dictionary call(const std::string& method, Value::Dictionary info) {
     return callClient(*client_, method, info);
   }
-
-  std::unique_ptr<sdbus::IProxy> proxy_;
 };
 
 // How descriptors read is asserted in descriptors_test; here, how the
@@ -79,7 +55,7 @@ TEST_F(Admin, ListsDescriptorAndCheckedInServicesAndTheVolumesWithTheirThreshold
   // Its answer carries an opt-out, which the listing shows while in force.
   call("ClientPurgeableSpace", {{"VANTOR_VOLUME", Value("/")}});
 
-  auto services = named("ListServices");
+  auto services = namedEntries(*client_, "ListServices");
   ASSERT_EQ(services.size(), 3u);
   EXPECT_EQ(Value(services["com.example.tidy"]),
             Value(Value::Dictionary{{"origin", Value("descriptor")},
@@ -98,7 +74,7 @@ TEST_F(Admin, ListsDescriptorAndCheckedInServicesAndTheVolumesWithTheirThreshold
   EXPECT_EQ(checkedIn["inFlight"], Value(Value::Array{}));
   EXPECT_TRUE(checkedIn["optedOutAt"].isDate()) << Value(checkedIn).description();
 
-  auto volumes = named("GetVolumes");
+  auto volumes = namedEntries(*client_, "GetVolumes");
   ASSERT_EQ(volumes.count("/"), 1u);
   Value::Dictionary& root = volumes["/"];
   EXPECT_GT(root["size"].uint64Value(), 0u);
@@ -119,7 +95,8 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
   });
   watcher->finishRegistration();
   auto service = checkedInService(ctx_, "com.example.a", {"--amount", "1048576"});
-  EXPECT_TRUE(history().empty());
+  using History = std::vector<VariantMap>;
+  EXPECT_TRUE(admin<History>("GetPurgeHistory").empty());
 
   call("ClientPurgeableSpace", {{"VANTOR_VOLUME", Value("/")}});
   // Far more than the volume could free: every level is worked.
@@ -133,9 +110,9 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
   ASSERT_EQ(shares.size(), 2u);
   const std::uint64_t requests = shares.size(), sharesAsked = shares[0].second + shares[1].second;
 
-  const Value::Array purges = history();
+  const History purges = admin<History>("GetPurgeHistory");
   ASSERT_EQ(purges.size(), 1u);
-  Value::Dictionary entry = purges[0].get<Value::Dictionary>();
+  Value::Dictionary entry = fromVariantMap(purges[0]);
   EXPECT_EQ(entry["requestedBy"], Value("client"));
   EXPECT_EQ(entry["uid"].int64Value(), static_cast<std::int64_t>(::getuid()));
   EXPECT_EQ(entry["pid"].int64Value(), static_cast<std::int64_t>(::getpid()));
@@ -159,17 +136,19 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
   EXPECT_EQ(Value(fromSignal.get()), Value(entry));
   EXPECT_TRUE(ctx_.waitForLog("purge finished", seconds(10)));
 
-  auto stats = statistics();
-  Value::Dictionary& requested = stats["com.tessaly.vantor/VantorPurgeAmountRequested"];
+  auto stats = admin<std::map<std::string, VariantMap>>("GetStatistics");
+  Value::Dictionary requested =
+      fromVariantMap(stats["com.tessaly.vantor/VantorPurgeAmountRequested"]);
   EXPECT_EQ(requested["count"].uint64Value(), 1u);
   EXPECT_EQ(requested["sum"].doubleValue(), static_cast<double>(asked));
-  Value::Dictionary& purged = stats["com.tessaly.vantor/com.example.a.purged"];
+  Value::Dictionary purged = fromVariantMap(stats["com.tessaly.vantor/com.example.a.purged"]);
   EXPECT_EQ(purged["count"].uint64Value(), requests);
   EXPECT_EQ(purged["sum"].doubleValue(), static_cast<double>(2 * kMiB));
   EXPECT_EQ(purged["last"].doubleValue(), static_cast<double>(kMiB));
-  EXPECT_EQ(
-      stats["com.tessaly.vantor/com.example.a_purgeableElapsedNanoseconds"]["count"].uint64Value(),
-      1u);
+  EXPECT_EQ(fromVariantMap(stats["com.tessaly.vantor/com.example.a_purgeableElapsedNanoseconds"])
+                .at("count")
+                .uint64Value(),
+            1u);
 }
 
 }  // namespace

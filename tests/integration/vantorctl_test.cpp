@@ -7,7 +7,6 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -217,24 +216,35 @@ TEST(VantorctlPurge, FreesWhatWasAskedOrSaysItFellShortAndCancels) {
 }
 
 // The samples of a Prometheus text, by "<family>/<statistic>". Every line is
-// a comment or a sample of a family declared a counter or a gauge, with its
-// statistic's name escaped.
+// a comment, "# TYPE <name> counter|gauge", or a sample of a declared family:
+// <name>{statistic="<escaped>"} <value>.
 std::map<std::string, double> prometheusSamples(const std::string& text) {
-  static const std::regex kType(R"(# TYPE ([a-z_]+) (counter|gauge))");
-  static const std::regex kSample(R"re(([a-z_]+)\{statistic="((?:[^"\\]|\\.)*)"\} (\S+))re");
-  static const std::regex kEscaped(R"(\\(.))");
   std::set<std::string> declared;
   std::map<std::string, double> samples;
   std::istringstream lines(text);
-  std::smatch m;
   for (std::string line; std::getline(lines, line);) {
-    if (std::regex_match(line, m, kType)) {
-      declared.insert(m[1].str());
-    } else if (std::regex_match(line, m, kSample)) {
-      EXPECT_TRUE(declared.count(m[1].str())) << line;
-      samples[m[1].str() + "/" + std::regex_replace(m[2].str(), kEscaped, "$1")] = std::stod(m[3]);
-    } else {
-      EXPECT_TRUE(line.starts_with("# HELP ")) << line;
+    std::istringstream words(line);
+    std::string hash, keyword, name, type, rest;
+    const auto brace = line.find("{statistic=\""), close = line.rfind("\"} ");
+    if (line.starts_with("# TYPE ") && words >> hash >> keyword >> name >> type) {
+      EXPECT_TRUE(name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos &&
+                  (type == "counter" || type == "gauge") && !(words >> rest))
+          << line;
+      declared.insert(name);
+    } else if (!line.starts_with("# HELP ")) {
+      EXPECT_TRUE(brace != std::string::npos && close != std::string::npos && close > brace &&
+                  declared.count(line.substr(0, brace)))
+          << line;
+      std::string label;
+      for (std::size_t i = brace + 12; i < close && close != std::string::npos; ++i) {
+        if (line[i] == '\\' && i + 1 < close)
+          ++i;
+        else
+          EXPECT_NE(line[i], '"') << line;
+        label += line[i];
+      }
+      if (close != std::string::npos)
+        samples[line.substr(0, brace) + "/" + label] = std::stod(line.substr(close + 3));
     }
   }
   return samples;

@@ -39,11 +39,7 @@ Value names(std::initializer_list<const char*> items) {
 // A coordinator off the bus on `dir` as its root, started with errors logged.
 std::shared_ptr<Vantor> startOn(const TempDir& dir) {
   setLogHandleForTesting(true, 3);
-  Vantor::Options options;
-  options.root = dir.path().string();
-  options.stateDirectory = (dir.path() / "state").string();
-  options.listen = false;
-  auto v = Vantor::create(options);
+  auto v = startCoordinator(dir);
   setLogHandleForTesting(false, 0);
   return v;
 }
