@@ -4,9 +4,7 @@
 #include <unistd.h>
 
 #include <charconv>
-#include <cstdarg>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <string_view>
 #include <thread>
@@ -146,6 +144,25 @@ std::vector<std::pair<int, std::uint64_t>> purgeRequests(ChildProcess& service) 
   return asked;
 }
 
+std::map<std::string, Value::Dictionary> namedEntries(sdbus::IConnection& client,
+                                                      const std::string& method) {
+  auto proxy = sdbus::createProxy(client, "com.tessaly.vantor", "/com/tessaly/vantor");
+  std::vector<sdbus::Struct<std::string, VariantMap>> reply;
+  proxy->callMethod(method).onInterface("com.tessaly.vantor.Admin").storeResultsTo(reply);
+  std::map<std::string, Value::Dictionary> out;
+  for (const auto& entry : reply)
+    out.emplace(std::get<0>(entry), fromVariantMap(std::get<1>(entry)));
+  return out;
+}
+
+std::shared_ptr<Vantor> startCoordinator(const TempDir& dir) {
+  Vantor::Options options;
+  options.root = dir.path().string();
+  options.stateDirectory = (dir.path() / "state").string();
+  options.listen = false;
+  return Vantor::create(options);
+}
+
 TestContext::~TestContext() {
   if (::testing::Test::HasFailure())
     dumpLogs();
@@ -207,11 +224,7 @@ void TestContext::reportFailure(const std::string& what) {
 }
 
 void CoordinatorTest::SetUp() {
-  Vantor::Options options;
-  options.root = dir_.path().string();
-  options.stateDirectory = (dir_.path() / "state").string();
-  options.listen = false;
-  vantor_ = Vantor::create(options);
+  vantor_ = startCoordinator(dir_);
 }
 
 void CoordinatorTest::TearDown() {

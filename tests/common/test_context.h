@@ -118,6 +118,15 @@ std::string readText(const std::filesystem::path& path);
 // request of a finished purge is there).
 std::vector<std::pair<int, std::uint64_t>> purgeRequests(ChildProcess& service);
 
+// The entries of an Admin method that answers a list of named dictionaries
+// (ListServices, GetVolumes), by name; throws sdbus::Error.
+std::map<std::string, Value::Dictionary> namedEntries(sdbus::IConnection& client,
+                                                      const std::string& method);
+
+// A coordinator created in process, off the bus, with `dir` as its root and
+// its state directory below it.
+std::shared_ptr<Vantor> startCoordinator(const TempDir& dir);
+
 // A coordinator created in process, off the bus, on a fresh temporary root
 // and state directory. Tear-down restores the log gate and the wall clock.
 class CoordinatorTest : public ::testing::Test {

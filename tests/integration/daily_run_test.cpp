@@ -19,13 +19,11 @@ class DailyRun : public ::testing::Test {
   // bus name, so a restarted daemon still knows it.
   std::unique_ptr<ChildProcess> service(const std::string& id, std::vector<std::string> kinds,
                                         std::vector<std::string> extra = {}) {
-    Value::Array services;
-    for (auto& kind : kinds)
-      services.emplace_back(kind);
-    ctx_.writeDescriptor(id + ".plist", Value(Value::Dictionary{
-                                            {"VANTOR_ID", Value(id)},
-                                            {"VANTOR_SERVICES", Value(std::move(services))},
-                                        }));
+    ctx_.writeDescriptor(id + ".plist",
+                         Value(Value::Dictionary{
+                             {"VANTOR_ID", Value(id)},
+                             {"VANTOR_SERVICES", Value(Value::Array(kinds.begin(), kinds.end()))},
+                         }));
     std::vector<std::string> args{"--id", id, "--own-name"};
     args.insert(args.end(), extra.begin(), extra.end());
     auto process = ctx_.startService(args);

@@ -6,10 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <map>
-#include <mutex>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,12 +22,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-enum class Answer { kDenied, kNull, kSilence, kServed };
-
-const char* nameOf(Answer answer) {
-  static const char* const kNamesOfAnswers[] = {"AccessDenied", "null reply", "silence", "served"};
-  return kNamesOfAnswers[static_cast<int>(answer)];
-}
+// The answers a caller may get.
+constexpr char kDenied[] = "AccessDenied", kNull[] = "null reply", kSilence[] = "silence",
+               kServed[] = "served";
 
 const std::vector<std::string> kNames = {
     "CLIENT_ENTITLEMENT",      "SERVICE_ENTITLEMENT",
@@ -45,30 +39,30 @@ struct Method {
   // Beyond the client entitlement: the name the method needs, and what a
   // caller without it gets.
   std::string needs;
-  Answer without;
+  const char* without;
 };
 
 const std::vector<Method> kMethods = {
-    {"com.tessaly.vantor.Client", "ClientCheckin", "SERVICE_ENTITLEMENT", Answer::kSilence},
-    {"com.tessaly.vantor.Client", "ClientPurgeableSpace", "PURGEABLE_ENTITLEMENT", Answer::kNull},
+    {"com.tessaly.vantor.Client", "ClientCheckin", "SERVICE_ENTITLEMENT", kSilence},
+    {"com.tessaly.vantor.Client", "ClientPurgeableSpace", "PURGEABLE_ENTITLEMENT", kNull},
     {"com.tessaly.vantor.Client", "ClientItemizedPurgeableSpace", "ITEMIZED_PURGEABLE_ENTITLEMENT",
-     Answer::kNull},
-    {"com.tessaly.vantor.Client", "ClientPurge", "PURGE_ENTITLEMENT", Answer::kNull},
-    {"com.tessaly.vantor.Client", "ClientCancelPurge", "", Answer::kServed},
-    {"com.tessaly.vantor.Client", "ClientSetState", "", Answer::kServed},
-    {"com.tessaly.vantor.Client", "ClientGetState", "", Answer::kServed},
-    {"com.tessaly.vantor.Admin", "ListServices", "", Answer::kServed},
-    {"com.tessaly.vantor.Admin", "GetVolumes", "", Answer::kServed},
-    {"com.tessaly.vantor.Admin", "GetStatistics", "", Answer::kServed},
-    {"com.tessaly.vantor.Admin", "GetPurgeHistory", "", Answer::kServed},
+     kNull},
+    {"com.tessaly.vantor.Client", "ClientPurge", "PURGE_ENTITLEMENT", kNull},
+    {"com.tessaly.vantor.Client", "ClientCancelPurge", "", kServed},
+    {"com.tessaly.vantor.Client", "ClientSetState", "", kServed},
+    {"com.tessaly.vantor.Client", "ClientGetState", "", kServed},
+    {"com.tessaly.vantor.Admin", "ListServices", "", kServed},
+    {"com.tessaly.vantor.Admin", "GetVolumes", "", kServed},
+    {"com.tessaly.vantor.Admin", "GetStatistics", "", kServed},
+    {"com.tessaly.vantor.Admin", "GetPurgeHistory", "", kServed},
 };
 
 // The table: what a caller holding `held` gets from `method`.
-Answer expected(const Method& method, const std::set<std::string>& held) {
+std::string expected(const Method& method, const std::set<std::string>& held) {
   if (held.count("CLIENT_ENTITLEMENT") == 0)
-    return Answer::kDenied;
+    return kDenied;
   if (method.needs.empty() || held.count(method.needs) > 0)
-    return Answer::kServed;
+    return kServed;
   return method.without;
 }
 
@@ -96,54 +90,30 @@ void addArguments(const Method& method, sdbus::MethodCall& call, int serial) {
 }
 
 // Calls `method` and classifies the answer; silence is a call unanswered
-// within `quiet`, once a later call on the same connection has been answered
-// (so the daemon had seen the first one and chose not to answer).
-Answer call(sdbus::IConnection& connection, const Method& method, int serial, milliseconds quiet,
-            std::string* detail) {
+// within `quiet` while a later call on the same connection is answered (so
+// the daemon had seen the first one and chose not to answer).
+std::string call(sdbus::IConnection& connection, const Method& method, int serial,
+                 milliseconds quiet) {
   auto proxy = sdbus::createProxy(connection, "com.tessaly.vantor", "/com/tessaly/vantor");
   auto message = proxy->createMethodCall(method.interface, method.name);
   addArguments(method, message, serial);
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::optional<Answer> answer;
-  auto pending = proxy->callMethod(
-      message,
-      [&](sdbus::MethodReply& reply, const sdbus::Error* error) {
-        Answer got = Answer::kServed;
-        if (error != nullptr) {
-          *detail = error->getName() + ": " + error->getMessage();
-          got = error->getName() == "org.freedesktop.DBus.Error.AccessDenied" ? Answer::kDenied
-                                                                              : Answer::kNull;
-          if (got == Answer::kNull)
-            *detail = "unexpected error " + *detail;
-        } else if (method.interface == "com.tessaly.vantor.Client" &&
-                   (method.name == "ClientCheckin" || method.name.ends_with("PurgeableSpace") ||
-                    method.name == "ClientPurge")) {
-          std::map<std::string, sdbus::Variant> dict;
-          reply >> dict;
-          got = dict.empty() ? Answer::kNull : Answer::kServed;
-        }
-        std::lock_guard lock(mutex);
-        answer = got;
-        cv.notify_all();
-      },
-      seconds(30));
-  std::unique_lock lock(mutex);
-  if (cv.wait_for(lock, quiet, [&] { return answer.has_value(); }))
-    return *answer;
-  lock.unlock();
-  // Proves the daemon serves this caller: an answer to a later call.
-  const std::string later = callForError(connection, "ClientGetState",
-                                         [](sdbus::MethodCall& m) { m << std::string("KEY"); });
-  lock.lock();
-  pending.cancel();  // the handler refers to this frame
-  if (answer)
-    return *answer;
-  if (!later.empty()) {
-    *detail = "no answer, and the later call failed with " + later;
-    return Answer::kDenied;
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    auto reply = proxy->callMethod(message, quiet);
+    if (method.name != "ClientCheckin" && !method.name.ends_with("PurgeableSpace") &&
+        method.name != "ClientPurge")
+      return kServed;
+    std::map<std::string, sdbus::Variant> dict;
+    reply >> dict;
+    return dict.empty() ? kNull : kServed;
+  } catch (const sdbus::Error& error) {
+    if (error.getName() == "org.freedesktop.DBus.Error.AccessDenied")
+      return kDenied;
+    if (std::chrono::steady_clock::now() - start < quiet)
+      return "error " + error.getName() + ": " + error.getMessage();
+    const std::string later = probeState(connection);
+    return later.empty() ? kSilence : "no answer, and a later call failed with " + later;
   }
-  return Answer::kSilence;
 }
 
 TEST(TheEntitlementTable, HoldsForEveryMethodAndEveryCaller) {
@@ -173,12 +143,11 @@ TEST(TheEntitlementTable, HoldsForEveryMethodAndEveryCaller) {
       holder += name + " ";
     auto connection = ctx.connect();
     for (const auto& method : kMethods) {
-      std::string detail;
-      const Answer want = expected(method, held);
-      const Answer got = call(*connection, method, ++serial,
-                              want == Answer::kSilence ? milliseconds(500) : seconds(20), &detail);
-      EXPECT_EQ(nameOf(got), std::string(nameOf(want)))
-          << method.name << " by [" << holder << "] " << detail;
+      const std::string want = expected(method, held);
+      EXPECT_EQ(call(*connection, method, ++serial,
+                     want == kSilence ? milliseconds(500) : milliseconds(20'000)),
+                want)
+          << method.name << " by [" << holder << "]";
     }
   }
   EXPECT_TRUE(

@@ -255,16 +255,8 @@ TEST_F(Purge, ManyQuickRepliesLoseNoCountAndALaterPurgeEndsWithItsLastReply) {
   // Only a fresh service is left to ask once the daemon has forgotten the
   // others.
   quick.clear();
-  auto admin = sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor");
-  ASSERT_TRUE(waitUntil(
-      [&] {
-        std::vector<sdbus::Struct<std::string, std::map<std::string, sdbus::Variant>>> services;
-        admin->callMethod("ListServices")
-            .onInterface("com.tessaly.vantor.Admin")
-            .storeResultsTo(services);
-        return services.empty();
-      },
-      seconds(30)));
+  ASSERT_TRUE(
+      waitUntil([&] { return namedEntries(*client_, "ListServices").empty(); }, seconds(30)));
   auto last = checkedInService(ctx_, "com.example.last", {"--amount", "0"});
   const auto started = std::chrono::steady_clock::now();
   const auto result = purge(onRoot(1ULL << 30, {{"VANTOR_URGENCY", Value(1)},

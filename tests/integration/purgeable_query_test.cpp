@@ -23,17 +23,10 @@ class PurgeableQuery : public ClientTest {
                        "ITEMIZED_PURGEABLE_ENTITLEMENT"});
   }
 
-  Value::Dictionary query(Value::Dictionary info, const char* method = "ClientPurgeableSpace") {
-    return callClient(*client_, method, info);
+  Value::Dictionary query(const Value::Dictionary& info) {
+    return callClient(*client_, "ClientPurgeableSpace", info);
   }
-  Value::Dictionary queryRoot(std::int64_t urgency = 0) {
-    Value::Dictionary info{{"VANTOR_VOLUME", Value("/")}};
-    if (urgency != 0)
-      info.emplace("VANTOR_URGENCY", Value(urgency));
-    return query(info);
-  }
-
-  std::size_t logCount(const std::string& text) const { return ctx_.logCount(text); }
+  Value::Dictionary queryRoot() { return query({{"VANTOR_VOLUME", Value("/")}}); }
 };
 
 TEST_F(PurgeableQuery, SumsEveryServiceAndAnswersAgainFromTheCache) {
@@ -82,7 +75,7 @@ TEST_F(PurgeableQuery, CountsADoNotQueryServiceFromTheCacheOnly) {
   }
   EXPECT_EQ(result["com.example.quiet"].uint64Value(), 7 * kMiB);
   EXPECT_EQ(result["VANTOR_TOTAL_AVAILABLE"].int64Value(), static_cast<std::int64_t>(7 * kMiB));
-  EXPECT_EQ(logCount("^^^asking"), 0u);
+  EXPECT_EQ(ctx_.logCount("^^^asking"), 0u);
 }
 
 TEST_F(PurgeableQuery, AnOptedOutServiceIsCountedOnceThenSkipped) {
@@ -98,7 +91,7 @@ TEST_F(PurgeableQuery, AnOptedOutServiceIsCountedOnceThenSkipped) {
   auto second = queryRoot();
   EXPECT_EQ(second.count("com.example.shy"), 0u);
   EXPECT_EQ(second["VANTOR_TOTAL_AVAILABLE"].int64Value(), 0);
-  EXPECT_EQ(logCount("^^^asking com.example.shy"), 1u);
+  EXPECT_EQ(ctx_.logCount("^^^asking com.example.shy"), 1u);
 }
 
 TEST_F(PurgeableQuery, ASlowServiceIsLeftBehindAndItsLateReplyIsCached) {
@@ -108,8 +101,8 @@ TEST_F(PurgeableQuery, ASlowServiceIsLeftBehindAndItsLateReplyIsCached) {
                                {"--amount", std::to_string(kMiB), "--delay-ms", "1500"});
   auto result = queryRoot();
   EXPECT_EQ(result.count("com.example.slow"), 0u);
-  EXPECT_EQ(logCount("maxExtensions"), 0u);
-  EXPECT_EQ(logCount("^^^done waiting, inFlight["), 1u) << ctx_.daemonLog();
+  EXPECT_EQ(ctx_.logCount("maxExtensions"), 0u);
+  EXPECT_EQ(ctx_.logCount("^^^done waiting, inFlight["), 1u) << ctx_.daemonLog();
 
   ASSERT_TRUE(ctx_.waitForLog("serviceID: com.example.fast : ", seconds(10)));
   ASSERT_TRUE(ctx_.waitForLog("serviceID: com.example.slow : ", seconds(10)));
@@ -121,15 +114,15 @@ TEST_F(PurgeableQuery, ASlowServiceIsLeftBehindAndItsLateReplyIsCached) {
 TEST_F(PurgeableQuery, UrgencyFourExtendsTheWaitFiveTimes) {
   start();
   auto mute = checkedInService(ctx_, "com.example.mute", {"--silent"});
-  auto result = queryRoot(4);
+  auto result = query({{"VANTOR_VOLUME", Value("/")}, {"VANTOR_URGENCY", Value(4)}});
   EXPECT_EQ(result["VANTOR_TOTAL_AVAILABLE"].int64Value(), 0);
   for (int left = 5; left >= 1; --left)
-    EXPECT_EQ(logCount("maxExtensions: " + std::to_string(left)), 1u);
-  EXPECT_EQ(logCount("maxExtensions"), 5u);
+    EXPECT_EQ(ctx_.logCount("maxExtensions: " + std::to_string(left)), 1u);
+  EXPECT_EQ(ctx_.logCount("maxExtensions"), 5u);
 
   // Still in flight: the next query makes no second call and waits again.
   queryRoot();
-  EXPECT_EQ(logCount("^^^asking com.example.mute "), 1u);
+  EXPECT_EQ(ctx_.logCount("^^^asking com.example.mute "), 1u);
   EXPECT_TRUE(mute->waitForLine("purgeable 4 ", seconds(5)));
 }
 

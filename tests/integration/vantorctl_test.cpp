@@ -142,16 +142,24 @@ TEST(VantorctlArguments, BadOnesExitWith2AndTheUsageBeforeAnythingIsSent) {
   EXPECT_NE(runVantorctl({"help", "state"}).out.find("--type TYPE"), std::string::npos);
 }
 
+// Runs each command on the context's bus, expecting `exitCode` and its text
+// in stderr.
+void expectFailures(const TestContext& ctx, int exitCode,
+                    const std::vector<std::pair<std::vector<std::string>, std::string>>& runs) {
+  for (const auto& [args, text] : runs) {
+    const Outcome o = runOn(ctx, args);
+    EXPECT_EQ(o.exitCode, exitCode) << o;
+    EXPECT_NE(o.err.find(text), std::string::npos) << o;
+  }
+}
+
 // No daemon or no bus exits with 3; missing entitlements with 4, naming
 // what is missing.
 TEST(VantorctlFailures, ExitWith3WithoutTheDaemonAnd4WithoutEntitlements) {
   TestContext ctx;  // a bus, but vantord not yet started
-  for (const auto& args :
-       std::vector<std::vector<std::string>>{{"state", "get", "KEY"}, {"purgeable"}}) {
-    const Outcome o = runOn(ctx, args);
-    EXPECT_EQ(o.exitCode, 3) << o;
-    EXPECT_NE(o.err.find("vantord is not running"), std::string::npos) << o;
-  }
+  expectFailures(ctx, 3,
+                 {{{"state", "get", "KEY"}, "vantord is not running"},
+                  {{"purgeable"}, "vantord is not running"}});
 
   // No bus at all. The bus library leaks its half-made connection when
   // connecting fails, a one-off at exit that the leak checker is told of.
@@ -163,23 +171,16 @@ TEST(VantorctlFailures, ExitWith3WithoutTheDaemonAnd4WithoutEntitlements) {
   EXPECT_EQ(noBus.exitCode, 3) << noBus;
   EXPECT_NE(noBus.err.find("cannot connect"), std::string::npos) << noBus;
 
-  using Refusals = std::vector<std::pair<std::vector<std::string>, std::string>>;
-  const auto expectRefused = [&](const Refusals& refused) {
-    for (const auto& [args, missing] : refused) {
-      const Outcome o = runOn(ctx, args);
-      EXPECT_EQ(o.exitCode, 4) << o;
-      EXPECT_NE(o.err.find(missing), std::string::npos) << o;
-    }
-  };
   ASSERT_TRUE(ctx.startDaemonGranting({"SERVICE_ENTITLEMENT"}));  // no CLIENT_ENTITLEMENT
-  expectRefused({{{"state", "get", "KEY"}, "not entitled"}, {{"purgeable"}, "not entitled"}});
+  expectFailures(ctx, 4,
+                 {{{"state", "get", "KEY"}, "not entitled"}, {{"purgeable"}, "not entitled"}});
 
   // Each call needs its own entitlement besides.
   ASSERT_TRUE(ctx.stopDaemon());
   ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT", "ITEMIZED_PURGEABLE_ENTITLEMENT"}));
-  expectRefused({{{"purgeable"}, "PURGEABLE_ENTITLEMENT"}, {{"purge", "1M"}, "PURGE_ENTITLEMENT"}});
-  const Outcome itemized = runOn(ctx, {"purgeable", "--itemized"});
-  EXPECT_EQ(itemized.exitCode, 0) << itemized;
+  expectFailures(
+      ctx, 4, {{{"purgeable"}, "PURGEABLE_ENTITLEMENT"}, {{"purge", "1M"}, "PURGE_ENTITLEMENT"}});
+  expectFailures(ctx, 0, {{{"purgeable", "--itemized"}, ""}});
 }
 
 TEST(VantorctlPurge, FreesWhatWasAskedOrSaysItFellShortAndCancels) {
@@ -215,103 +216,103 @@ TEST(VantorctlPurge, FreesWhatWasAskedOrSaysItFellShortAndCancels) {
   EXPECT_EQ(cancel.out, "Cancel sent.\n");
 }
 
-TEST(VantorctlQueries, ShowPurgeableSpaceServicesHistoryAndStatisticsAsTablesJsonAndPrometheus) {
-  TestContext ctx;
-  ASSERT_TRUE(ctx.startDaemonGranting(
-      {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "PURGE_ENTITLEMENT"},
-      {{"VANTOR_LOWDISK_BYTES", "2"}}));
-  auto service = checkedInService(ctx, "com.example.a", {"--amount", "1048576"});
-
-  // A path stands for the volume holding it (/usr/bin is on / here); the
-  // urgency reaches the service.
-  const Outcome json = runOn(ctx, {"--json", "purgeable", "--urgency", "4", "/usr/bin"});
-  ASSERT_EQ(json.exitCode, 0) << json;
-  auto asked = service->waitForLine("purgeable ", seconds(10));
-  ASSERT_TRUE(asked);
-  EXPECT_EQ(asked->rfind("purgeable 4 ", 0), 0u) << *asked;
-  EXPECT_NE(asked->find("\"VANTOR_VOLUME\" = \"/\""), std::string::npos) << *asked;
-  EXPECT_EQ(parseJson(json.out), (nlohmann::json{{"VANTOR_TOTAL_AVAILABLE", 1048576},
-                                                 {"com.example.a", 1048576},
-                                                 {"VANTOR_VOLUME", "/"}}))
-      << json.out;
-
-  const Outcome human = runOn(ctx, {"purgeable"});
-  ASSERT_EQ(human.exitCode, 0) << human;
-  EXPECT_EQ(human.out, "com.example.a  1.0 MiB\nTotal          1.0 MiB\nVolume         /\n");
-
-  // A volume the daemon refuses exits with 1.
-  const Outcome refused = runOn(ctx, {"purgeable", "/nonexistent-volume"});
-  EXPECT_EQ(refused.exitCode, 1) << refused;
-  EXPECT_NE(refused.err.find("Parameter error"), std::string::npos) << refused;
-  EXPECT_EQ(refused.out, "");
-
-  // status shows the daemon's thresholds, which come from its environment.
-  const auto status = parseJson(runOn(ctx, {"--json", "status"}).out);
-  EXPECT_EQ(status["source"], "vantord") << status;
-  ASSERT_FALSE(status["volumes"].empty()) << status;
-  EXPECT_EQ(status["volumes"][0]["lowThreshold"], 2) << status;
-
-  // Nothing is deleted, so the purge falls short (6) but is recorded.
-  EXPECT_EQ(runOn(ctx, {"purge", "--urgency", "1", "4M"}).exitCode, 6);
-
-  // The daemon's own answers are checked in admin_test; here, how they show.
-  const Outcome services = runOn(ctx, {"services"});
-  ASSERT_EQ(services.exitCode, 0) << services;
-  EXPECT_EQ(services.out.rfind("SERVICE ", 0), 0u) << services;
-  EXPECT_NE(services.out.find("\ncom.example.a  checkin :"), std::string::npos) << services;
-
-  const auto history = parseJson(runOn(ctx, {"history", "--json"}).out);
-  ASSERT_TRUE(history.is_array() && history.size() == 1) << history;
-  EXPECT_EQ(std::filesystem::path(history[0]["executable"].get<std::string>()).filename(),
-            "vantorctl");
-  EXPECT_EQ(history[0]["services"]["com.example.a"]["reported"], 1 << 20);
-  const Outcome historyText = runOn(ctx, {"history"});
-  EXPECT_NE(historyText.out.find("  com.example.a: asked 4.0 MiB, reported 1.0 MiB"),
-            std::string::npos)
-      << historyText;
-
-  const auto stats = parseJson(runOn(ctx, {"--json", "stats"}).out);
-  EXPECT_EQ(stats["com.tessaly.vantor/com.example.a.purged"]["sum"], 1 << 20) << stats;
-
-  // Every line is a comment or a sample of a declared family; the samples
-  // carry the same figures as the JSON.
-  const Outcome prometheus = runOn(ctx, {"stats", "--prometheus"});
-  ASSERT_EQ(prometheus.exitCode, 0) << prometheus;
+// The samples of a Prometheus text, by "<family>/<statistic>". Every line is
+// a comment, "# TYPE <name> counter|gauge", or a sample of a declared family:
+// <name>{statistic="<escaped>"} <value>.
+std::map<std::string, double> prometheusSamples(const std::string& text) {
   std::set<std::string> declared;
   std::map<std::string, double> samples;
-  std::istringstream lines(prometheus.out);
+  std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
     std::string hash, keyword, name, type, rest;
+    const auto brace = line.find("{statistic=\""), close = line.rfind("\"} ");
     if (line.starts_with("# TYPE ") && words >> hash >> keyword >> name >> type) {
-      // "# TYPE <name> counter|gauge"
       EXPECT_TRUE(name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos &&
                   (type == "counter" || type == "gauge") && !(words >> rest))
           << line;
       declared.insert(name);
     } else if (!line.starts_with("# HELP ")) {
-      // <name>{statistic="<escaped>"} <value>
-      const auto brace = line.find("{statistic=\""), close = line.rfind("\"} ");
-      ASSERT_TRUE(brace != std::string::npos && close != std::string::npos && close > brace)
+      EXPECT_TRUE(brace != std::string::npos && close != std::string::npos && close > brace &&
+                  declared.count(line.substr(0, brace)))
           << line;
-      EXPECT_TRUE(declared.count(line.substr(0, brace))) << line;
       std::string label;
-      for (std::size_t i = brace + 12; i < close; ++i) {
+      for (std::size_t i = brace + 12; i < close && close != std::string::npos; ++i) {
         if (line[i] == '\\' && i + 1 < close)
           ++i;
         else
           EXPECT_NE(line[i], '"') << line;
         label += line[i];
       }
-      samples[line.substr(0, brace) + "/" + label] = std::stod(line.substr(close + 3));
+      if (close != std::string::npos)
+        samples[line.substr(0, brace) + "/" + label] = std::stod(line.substr(close + 3));
     }
   }
+  return samples;
+}
+
+// The daemon's own answers are checked in admin_test and purgeable_query_test;
+// here, how they show. No check stops the test: each rule is judged alone.
+TEST(VantorctlQueries, ShowPurgeableSpaceServicesHistoryAndStatisticsAsTablesJsonAndPrometheus) {
+  TestContext ctx;
+  ASSERT_TRUE(ctx.startDaemonGranting(
+      {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "PURGE_ENTITLEMENT"},
+      {{"VANTOR_LOWDISK_BYTES", "2"}}));
+  auto service = checkedInService(ctx, "com.example.a", {"--amount", "1048576"});
+  // Runs `args`, expecting `exitCode` and `part` in stdout.
+  const auto run = [&](const std::vector<std::string>& args, int exitCode = 0,
+                       const std::string& part = "") {
+    const Outcome o = runOn(ctx, args);
+    EXPECT_EQ(o.exitCode, exitCode) << ::testing::PrintToString(args) << o;
+    EXPECT_NE(o.out.find(part), std::string::npos) << o;
+    return o;
+  };
+  const auto json = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), "--json");
+    return parseJson(run(args).out);
+  };
+
+  // A path stands for the volume holding it (/usr/bin is on / here).
+  EXPECT_EQ(json({"purgeable", "--urgency", "4", "/usr/bin"}),
+            (nlohmann::json{{"VANTOR_TOTAL_AVAILABLE", 1048576},
+                            {"com.example.a", 1048576},
+                            {"VANTOR_VOLUME", "/"}}));
+  EXPECT_EQ(run({"purgeable"}).out,
+            "com.example.a  1.0 MiB\nTotal          1.0 MiB\nVolume         /\n");
+  // A volume the daemon refuses exits with 1.
+  const Outcome refused = run({"purgeable", "/nonexistent-volume"}, 1);
+  EXPECT_NE(refused.err.find("Parameter error"), std::string::npos) << refused;
+  EXPECT_EQ(refused.out, "");
+  // The daemon's thresholds come from its environment.
+  auto status = json({"status"});
+  EXPECT_EQ(status["source"], "vantord") << status;
+  EXPECT_EQ(status["volumes"][0]["lowThreshold"], 2) << status;
+  EXPECT_TRUE(run({"services"}, 0, "\ncom.example.a  checkin :").out.starts_with("SERVICE "));
+
+  // Nothing is deleted, so the purge falls short (6) but is recorded.
+  run({"purge", "--urgency", "1", "4M"}, 6);
+  auto history = json({"history"});
+  EXPECT_EQ(history.size(), 1u) << history;
+  EXPECT_EQ(history[0]["executable"], std::filesystem::canonical(VANTORCTL_BINARY).string());
+  EXPECT_EQ(history[0]["services"]["com.example.a"]["reported"], 1 << 20);
+  run({"history"}, 0, "  com.example.a: asked 4.0 MiB, reported 1.0 MiB");
+  auto stats = json({"stats"});
+  EXPECT_EQ(stats["com.tessaly.vantor/com.example.a.purged"]["sum"], 1 << 20) << stats;
+  run({"stats", "--json", "--prometheus"}, 2);
+
+  // The urgency reaches the service, with the volume.
+  const auto asked = service->waitForLine("purgeable ", seconds(10));
+  EXPECT_TRUE(asked && asked->starts_with("purgeable 4 ") &&
+              asked->find("\"VANTOR_VOLUME\" = \"/\"") != std::string::npos)
+      << asked.value_or("not asked");
+
+  // The samples carry the same figures as the JSON.
+  auto samples = prometheusSamples(run({"stats", "--prometheus"}).out);
   for (const auto& [name, figures] : stats.items()) {
     EXPECT_EQ(samples["vantor_statistic_samples_total/" + name], figures["count"].get<double>())
         << name;
     EXPECT_EQ(samples["vantor_statistic_sum/" + name], figures["sum"].get<double>()) << name;
   }
-  EXPECT_EQ(runOn(ctx, {"stats", "--json", "--prometheus"}).exitCode, 2);
 }
 
 }  // namespace

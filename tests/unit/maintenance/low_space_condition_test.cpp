@@ -1,6 +1,8 @@
 // When a volume raises a low-space event: hysteresis, the repeat counted from
 // the end of handling, one event at a time, and none while nobody can act.
-// The daily scheduler's runs go on past a run that throws.
+// What handling a low-disk event purges and counts. The daily scheduler's
+// runs go on past a run that throws. (The fixed request, the signal and the
+// repeat are asserted against the real daemon in low_space_test.)
 
 #include <gtest/gtest.h>
 
@@ -9,6 +11,7 @@
 
 #include "common/test_context.h"
 #include "maintenance/daily_scheduler.h"
+#include "maintenance/low_disk.h"
 #include "maintenance/low_space_monitor.h"
 #include "platform/dispatch/semaphore.h"
 
@@ -55,6 +58,38 @@ TEST(VolumeCondition, RaisesOneEventAtATimeAndOnlyWhenSomebodyCanAct) {
     EXPECT_EQ(step.eventFlags, s.event);
     EXPECT_EQ(condition.low(), s.low);
     EXPECT_EQ(condition.veryLow(), s.veryLow);
+  }
+}
+
+// The flags name the statistic, the low-disk bit tested first, and an event
+// that names neither still counts; the low volumes, not the flags, decide
+// what is purged, in order. With no volume low nothing is purged or counted.
+TEST(LowDiskEvent, PurgesEveryLowVolumeInOrderAndCountsTheEventByItsFlags) {
+  using Counted = std::vector<std::optional<std::string>>;
+  const std::vector<std::string> both = {"/", "/data"};
+  const struct {
+    std::uint64_t flags;
+    std::vector<std::string> low;
+    Counted counted;
+  } cases[] = {
+      {0x204, both, {"VT_LOWDISK_EVENT"}},
+      {0x200, both, {"VT_VERYLOWDISK_EVENT"}},
+      {0, both, {std::nullopt}},
+      {0x200, {}, {}},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> purged;
+    Counted counted;
+    handleLowDiskEvent(VolumeEvent{c.flags, "/"},
+                       LowDiskActions{
+                           [&] { return c.low; },
+                           [&](const Value& request) {
+                             purged.push_back(*request.find("VANTOR_VOLUME")->asString());
+                           },
+                           [&](const std::optional<std::string>& s) { counted.push_back(s); },
+                       });
+    EXPECT_EQ(purged, c.low) << c.flags;
+    EXPECT_EQ(counted, c.counted) << c.flags;
   }
 }
 
