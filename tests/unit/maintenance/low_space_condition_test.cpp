@@ -1,16 +1,9 @@
 // When a volume raises a low-space event: hysteresis, the repeat counted from
 // the end of handling, one event at a time, and none while nobody can act.
-// The daily scheduler's runs go on past a run that throws.
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <stdexcept>
-
-#include "common/test_context.h"
-#include "maintenance/daily_scheduler.h"
 #include "maintenance/low_space_monitor.h"
-#include "platform/dispatch/semaphore.h"
 
 namespace vantor::test {
 namespace {
@@ -56,23 +49,6 @@ TEST(VolumeCondition, RaisesOneEventAtATimeAndOnlyWhenSomebodyCanAct) {
     EXPECT_EQ(condition.low(), s.low);
     EXPECT_EQ(condition.veryLow(), s.veryLow);
   }
-}
-
-TEST(DailyScheduler, ARunThatThrowsDoesNotStopTheNextRun) {
-  TempDir dir;
-  std::atomic<int> runs{0};
-  dispatch::Semaphore secondRun;
-  DailyScheduler scheduler(dir.path() / "daily-run", std::chrono::milliseconds(50),
-                           [&](ActivityState state) {
-                             if (state != ActivityState::kRun)
-                               return;
-                             const int run = ++runs;
-                             if (run == 2)
-                               secondRun.signal();
-                             if (run == 1)
-                               throw std::runtime_error("the first run fails");
-                           });
-  EXPECT_TRUE(secondRun.wait(dispatch::after(seconds(10))));
 }
 
 }  // namespace
