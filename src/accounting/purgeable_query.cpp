@@ -24,8 +24,59 @@ constexpr useconds_t kBeat = 10000;  // 10 ms
 constexpr std::uint64_t kBeats = 15;
 constexpr int kExtensions = 5;  // granted at urgency 4 only
 
+constexpr char kName[] = "-[Vantor _totalAvailable:info:]";
+
 double elapsedNanoseconds(std::uint64_t startTicks) {
   return static_cast<double>(clock::monotonicTicks() - startTicks) * gTimebaseConversion;
+}
+
+// Gives the calls still in flight after the group's wait a few more beats
+// (and, at urgency 4, a few extensions of them) to come back.
+void waitForStragglers(Vantor& vantor, std::int32_t urgency) {
+  if (vantor.requestsInFlight(vantor.purgeableInFlight) == 0)
+    return;
+  VANTOR_LOG(5, "%s ^^^waiting for a little bit", kName);
+  int extensionsLeft = kExtensions;
+  std::uint64_t counter = 0;
+  for (;;) {
+    if (vantor.requestsInFlight(vantor.purgeableInFlight) == 0) {
+      VANTOR_LOG(5, "%s ^^^beat the timeout, woohoo!", kName);
+      break;
+    }
+    VANTOR_LOG(5, "%s --------- %s --------- %llu ---------", kName,
+               counter % 2 == 0 ? "tick" : "tock", static_cast<unsigned long long>(counter));
+    ::usleep(kBeat);
+    if (urgency == 4 && extensionsLeft != 0 && counter == kBeats - 1) {
+      VANTOR_LOG(5, "%s maxExtensions: %d", kName, extensionsLeft);
+      --extensionsLeft;
+      counter = 1;
+      continue;
+    }
+    if (++counter == kBeats)
+      break;
+  }
+  VANTOR_LOG(5, "%s ^^^done waiting, inFlight[%llu]: %s", kName,
+             static_cast<unsigned long long>(vantor.requestsInFlight(vantor.purgeableInFlight)),
+             vantor.inFlightDescription(vantor.purgeableInFlight).c_str());
+}
+
+// The sum of the counted services' amounts. Services may report amounts near
+// the top of the range: the sum saturates at the signed 64-bit limits instead
+// of overflowing. An amount that is not a number is logged and left out.
+std::int64_t totalOf(const Value::Dictionary& counted) {
+  std::int64_t total = 0;
+  for (const auto& [identifier, amount] : counted) {
+    if (amount.isNumber()) {
+      const std::int64_t add = amount.int64Value();
+      if (__builtin_add_overflow(total, add, &total))
+        total = add < 0 ? std::numeric_limits<std::int64_t>::min()
+                        : std::numeric_limits<std::int64_t>::max();
+    } else {
+      VANTOR_LOG(3, "%s %d %s num is not a number: %s", kName, 587, identifier.c_str(),
+                 amount.description().c_str());
+    }
+  }
+  return total;
 }
 
 }  // namespace
@@ -54,11 +105,11 @@ Value Vantor::totalAvailable(const Value& info) {
 }
 
 Value Vantor::_totalAvailable(std::int32_t urgency, const Value& info) {
-  constexpr char kName[] = "-[Vantor _totalAvailable:info:]";
   const std::uint64_t start = clock::monotonicTicks();
   VANTOR_LOG(5, "%s ENTRY, info: %s", kName, info.description().c_str());
   operation_queue->assertCurrent(kName);
 
+  // Ask the services the cache has no fresh answer from.
   const Value cached = cachedInfo(info);
   const Value* toQuery = cached.find("VANTOR_SERVICES_TO_QUERY");
   auto group = dispatch::Group::create();
@@ -84,53 +135,16 @@ Value Vantor::_totalAvailable(std::int32_t urgency, const Value& info) {
     }
   }
   group->wait(dispatch::after(kGroupWait));
+  waitForStragglers(*this, urgency);
 
-  if (requestsInFlight(purgeableInFlight) != 0) {
-    VANTOR_LOG(5, "%s ^^^waiting for a little bit", kName);
-    int extensionsLeft = kExtensions;
-    std::uint64_t counter = 0;
-    for (;;) {
-      if (requestsInFlight(purgeableInFlight) == 0) {
-        VANTOR_LOG(5, "%s ^^^beat the timeout, woohoo!", kName);
-        break;
-      }
-      VANTOR_LOG(5, "%s --------- %s --------- %llu ---------", kName,
-                 counter % 2 == 0 ? "tick" : "tock", static_cast<unsigned long long>(counter));
-      ::usleep(kBeat);
-      if (urgency == 4 && extensionsLeft != 0 && counter == kBeats - 1) {
-        VANTOR_LOG(5, "%s maxExtensions: %d", kName, extensionsLeft);
-        --extensionsLeft;
-        counter = 1;
-        continue;
-      }
-      if (++counter == kBeats)
-        break;
-    }
-    VANTOR_LOG(5, "%s ^^^done waiting, inFlight[%llu]: %s", kName,
-               static_cast<unsigned long long>(requestsInFlight(purgeableInFlight)),
-               inFlightDescription(purgeableInFlight).c_str());
-  }
-
+  // Add up what the cache now holds for the volume.
   const Value cached2 = cachedInfo(info);
   VANTOR_LOG(5, "%s cachedInfo (2nd pass): %s", kName, cached2.description().c_str());
   const Value* counted = cached2.find("VANTOR_SERVICES_TO_COUNT");
   Value::Dictionary result = counted != nullptr && counted->isDictionary()
                                  ? counted->get<Value::Dictionary>()
                                  : Value::Dictionary{};
-  // Services may report amounts near the top of the range: the sum saturates
-  // at the signed 64-bit limits instead of overflowing.
-  std::int64_t total = 0;
-  for (const auto& [identifier, amount] : result) {
-    if (amount.isNumber()) {
-      const std::int64_t add = amount.int64Value();
-      if (__builtin_add_overflow(total, add, &total))
-        total = add < 0 ? std::numeric_limits<std::int64_t>::min()
-                        : std::numeric_limits<std::int64_t>::max();
-    } else {
-      VANTOR_LOG(3, "%s %d %s num is not a number: %s", kName, 587, identifier.c_str(),
-                 amount.description().c_str());
-    }
-  }
+  const std::int64_t total = totalOf(result);
   const Value* volume = info.find("VANTOR_VOLUME");
   result.insert_or_assign("VANTOR_VOLUME", volume != nullptr ? *volume : Value());
   result.insert_or_assign("VANTOR_TOTAL_AVAILABLE", Value(total));

@@ -1,9 +1,6 @@
 #include "maintenance/daily_scheduler.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,6 +37,18 @@ std::chrono::nanoseconds dailyIntervalFromEnvironment() {
   return secondsFrom("VANTOR_DAILY_INTERVAL_SECONDS", kDefaultInterval);
 }
 
+std::chrono::system_clock::time_point firstDailyRunDue(std::chrono::system_clock::time_point last,
+                                                       std::chrono::system_clock::time_point now,
+                                                       std::chrono::nanoseconds interval) {
+  using Duration = std::chrono::system_clock::duration;
+  // A stamp in the future (the clock was set back) counts as now.
+  const auto due = std::min(last, now) + std::chrono::duration_cast<Duration>(interval);
+  if (due > now)
+    return due;
+  return now + std::chrono::duration_cast<Duration>(
+                   std::min<std::chrono::nanoseconds>(kCatchUpDelay, interval));
+}
+
 DailyScheduler::DailyScheduler(std::filesystem::path stampFile, std::chrono::nanoseconds interval,
                                Handler handler)
     : stampFile_(std::move(stampFile)), interval_(interval), handler_(std::move(handler)) {
@@ -52,101 +61,77 @@ DailyScheduler::DailyScheduler(std::filesystem::path stampFile, std::chrono::nan
     last = now;
     writeStamp(now);
   }
-  // A stamp in the future (the clock was set back) counts as now.
-  last = std::min(*last, now);
-  auto due = *last + std::chrono::duration_cast<WallClock::duration>(interval_);
-  if (due <= now)
-    due = now + std::chrono::duration_cast<WallClock::duration>(
-                    std::min<std::chrono::nanoseconds>(kCatchUpDelay, interval_));
+  due_ = firstDailyRunDue(*last, now, interval_);
+  last_ = due_ - std::chrono::duration_cast<WallClock::duration>(interval_);
 
-  timerFd_ = ::timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
-  stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (timerFd_ < 0 || stopFd_ < 0) {
-    VANTOR_LOG(3, "%s cannot schedule the daily run: %s", kName, std::strerror(errno));
+  if (const int error = timer_.creationError()) {
+    VANTOR_LOG(3, "%s cannot schedule the daily run: %s", kName, std::strerror(error));
     return;
   }
-  thread_ = std::thread([this, due] { run(due); });
+  timer_.start([this](const dispatch::TimerSource::Wake& wake) { onWake(wake); },
+               [](dispatch::TimerSource::Failure failure, int error) {
+                 // A timer that cannot be read is armed again.
+                 if (failure == dispatch::TimerSource::Failure::kPoll)
+                   VANTOR_LOG(3, "%s poll failed: %s", kName, std::strerror(error));
+               });
 }
 
 DailyScheduler::~DailyScheduler() {
-  if (thread_.joinable()) {
-    const std::uint64_t one = 1;
-    if (::write(stopFd_, &one, sizeof one) == sizeof one) {
-      thread_.join();
-    } else {
-      // The thread cannot be told to stop; waiting for it would hang.
-      VANTOR_LOG(3, "%s cannot stop the thread: %s", kName, std::strerror(errno));
-      thread_.detach();
-    }
-  }
-  for (int fd : {timerFd_, stopFd_}) {
-    if (fd >= 0)
-      ::close(fd);
+  if (const int error = timer_.stop()) {
+    // The thread cannot be told to stop; waiting for it would hang.
+    VANTOR_LOG(3, "%s cannot stop the thread: %s", kName, std::strerror(error));
   }
 }
 
-void DailyScheduler::run(WallClock::time_point due) {
-  auto last = due - std::chrono::duration_cast<WallClock::duration>(interval_);
-  for (;;) {
-    VANTOR_LOG(5, "%s next run in %f seconds", kName, seconds(due - WallClock::now()));
-    if (!sleepUntil(due, &last))
-      return;
-    last = WallClock::now();
-    // A run that fails is logged; the runs after it still come.
-    try {
-      runOnce();
-    } catch (const std::exception& e) {
-      VANTOR_LOG(3, "%s the daily run failed: %s", kName, e.what());
+void DailyScheduler::onWake(const dispatch::TimerSource::Wake& wake) {
+  if (wake.started) {
+    logNext();
+  } else if (wake.expirations > 0) {
+    runAndLogNext();
+  } else if (wake.clockSet) {
+    // The clock was set. A last run now in the future counts as now.
+    const auto now = WallClock::now();
+    if (last_ > now) {
+      last_ = now;
+      due_ = now + std::chrono::duration_cast<WallClock::duration>(interval_);
     }
-    due = last + std::chrono::duration_cast<WallClock::duration>(interval_);
+  } else if (!wake.timer && !wake.timedOut) {
+    return;
   }
+  while (!armTimer())
+    runAndLogNext();
 }
 
-bool DailyScheduler::sleepUntil(WallClock::time_point due, WallClock::time_point* last) {
-  for (;;) {
-    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::nanoseconds>(
-        std::max(due, WallClock::time_point{} + std::chrono::nanoseconds(1)).time_since_epoch());
-    itimerspec timer{};
-    timer.it_value.tv_sec = static_cast<time_t>(sinceEpoch.count() / 1'000'000'000);
-    timer.it_value.tv_nsec = static_cast<long>(sinceEpoch.count() % 1'000'000'000);
-    // Absolute wall-clock time: a suspended machine runs the overdue run on
-    // waking. Setting the clock cancels the timer, so it is armed again.
-    // Should the timer refuse, the scheduler wakes once a minute and looks
-    // at the clock instead of waiting for good.
-    int timeout = -1;
-    if (::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &timer, nullptr) !=
-        0) {
-      VANTOR_LOG(3, "%s cannot set the timer of the daily run: %s", kName, std::strerror(errno));
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(due - WallClock::now());
-      if (left.count() <= 0)
-        return true;
-      timeout = static_cast<int>(std::min<std::int64_t>(left.count(), 60'000));
-    }
-    pollfd fds[2] = {{timerFd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
-    const int ready = ::poll(fds, 2, timeout);
-    if (ready < 0) {
-      if (errno == EINTR)
-        continue;
-      VANTOR_LOG(3, "%s poll failed: %s", kName, std::strerror(errno));
-      return false;
-    }
-    if (ready == 0)
-      continue;  // the minute's look at the clock
-    if (fds[1].revents != 0)
-      return false;
-    std::uint64_t expirations = 0;
-    if (::read(timerFd_, &expirations, sizeof expirations) == sizeof expirations)
-      return true;
-    if (errno == ECANCELED) {
-      // The clock was set. A last run now in the future counts as now.
-      const auto now = WallClock::now();
-      if (*last > now) {
-        *last = now;
-        due = now + std::chrono::duration_cast<WallClock::duration>(interval_);
-      }
-    }
+void DailyScheduler::runAndLogNext() {
+  last_ = WallClock::now();
+  // A run that fails is logged; the runs after it still come.
+  try {
+    runOnce();
+  } catch (const std::exception& e) {
+    VANTOR_LOG(3, "%s the daily run failed: %s", kName, e.what());
   }
+  due_ = last_ + std::chrono::duration_cast<WallClock::duration>(interval_);
+  logNext();
+}
+
+void DailyScheduler::logNext() const {
+  VANTOR_LOG(5, "%s next run in %f seconds", kName, seconds(due_ - WallClock::now()));
+}
+
+bool DailyScheduler::armTimer() {
+  // Absolute wall-clock time: a suspended machine runs the overdue run on
+  // waking. Setting the clock cancels the timer, so it is armed again.
+  // Should the timer refuse, the scheduler wakes once a minute and looks
+  // at the clock instead of waiting for good.
+  const int error = timer_.armAt(due_.time_since_epoch(), dispatch::TimerSource::ClockSet::kCancel);
+  if (error == 0)
+    return true;
+  VANTOR_LOG(3, "%s cannot set the timer of the daily run: %s", kName, std::strerror(error));
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(due_ - WallClock::now());
+  if (left.count() <= 0)
+    return false;
+  timer_.wakeAfter(std::min<std::chrono::milliseconds>(left, std::chrono::minutes(1)));
+  return true;
 }
 
 void DailyScheduler::runOnce() {

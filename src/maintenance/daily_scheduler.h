@@ -4,7 +4,8 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <thread>
+
+#include "platform/dispatch/timer_source.h"
 
 namespace vantor {
 
@@ -39,9 +40,13 @@ class DailyScheduler {
  private:
   using WallClock = std::chrono::system_clock;
 
-  void run(WallClock::time_point firstDue);
-  // Sleeps until `due`; false when asked to stop.
-  bool sleepUntil(WallClock::time_point due, WallClock::time_point* last);
+  void onWake(const dispatch::TimerSource::Wake& wake);
+  // Runs now, then logs when the next run is due.
+  void runAndLogNext();
+  void logNext() const;
+  // Arms the timer for `due_`; false when it cannot be armed and the run is
+  // due already.
+  bool armTimer();
   void runOnce();
   std::optional<WallClock::time_point> readStamp() const;
   void writeStamp(WallClock::time_point when) const;
@@ -49,10 +54,21 @@ class DailyScheduler {
   const std::filesystem::path stampFile_;
   const std::chrono::nanoseconds interval_;
   const Handler handler_;
-  int timerFd_ = -1;
-  int stopFd_ = -1;
-  std::thread thread_;
+  // The scheduler's thread's own: when the last run started, and when the
+  // next is due.
+  WallClock::time_point last_;
+  WallClock::time_point due_;
+  // Its thread is the scheduler's thread.
+  dispatch::TimerSource timer_{CLOCK_REALTIME};
 };
+
+// When the first run is due, given when the last one started (the start-up
+// itself when no stamp could be read) and the time now: one interval after
+// the last run, a last run in the future counting as now. A run that fell due
+// before now is due 5 seconds from now, or one interval if that is shorter.
+std::chrono::system_clock::time_point firstDailyRunDue(std::chrono::system_clock::time_point last,
+                                                       std::chrono::system_clock::time_point now,
+                                                       std::chrono::nanoseconds interval);
 
 // The daily interval: VANTOR_DAILY_INTERVAL_SECONDS (fractions allowed), else
 // 86400 seconds.

@@ -2,14 +2,10 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -26,12 +22,6 @@ constexpr char kPoll[] = "-[LowSpaceMonitor poll]";
 // Whether `available` is back above 1.25 × `threshold`.
 bool recovered(std::uint64_t available, std::uint64_t threshold) {
   return available > threshold + threshold / 4;
-}
-
-timespec toTimespec(std::chrono::nanoseconds interval) {
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(interval);
-  return timespec{static_cast<time_t>(seconds.count()),
-                  static_cast<long>((interval - seconds).count())};
 }
 
 }  // namespace
@@ -84,96 +74,60 @@ LowSpaceMonitor::LowSpaceMonitor(LowSpaceSettings settings, EventHandler handler
     : settings_(std::move(settings)),
       handler_(std::move(handler)),
       volumes_(volumes ? std::move(volumes) : VolumeLister(getLocalVolumes)),
-      canAct_(canAct ? std::move(canAct) : Gate([] { return true; })) {
-  timerFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-  wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  // The kernel flags an open mount table with POLLPRI once per change.
-  mountsFd_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-  if (timerFd_ < 0 || wakeFd_ < 0 || stopFd_ < 0) {
-    VANTOR_LOG(3, "%s cannot watch free space: %s", kPoll, std::strerror(errno));
+      canAct_(canAct ? std::move(canAct) : Gate([] { return true; })),
+      // The kernel flags an open mount table with POLLPRI once per change.
+      mountsFd_(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)) {
+  if (const int error = timer_.creationError()) {
+    VANTOR_LOG(3, "%s cannot watch free space: %s", kPoll, std::strerror(error));
     return;
   }
-  const timespec interval = toTimespec(settings_.pollInterval);
-  const itimerspec timer{interval, interval};
-  if (::timerfd_settime(timerFd_, 0, &timer, nullptr) != 0) {
+  if (const int error = timer_.armInterval(settings_.pollInterval)) {
     // Mount changes and wakes still poll; the interval's polls do not.
-    VANTOR_LOG(3, "%s cannot set the poll timer: %s", kPoll, std::strerror(errno));
+    VANTOR_LOG(3, "%s cannot set the poll timer: %s", kPoll, std::strerror(error));
   }
-  thread_ = std::thread([this] { run(); });
+  // A missing mount table (no /proc) leaves a negative descriptor, which is
+  // not watched: the timer alone then drives the polls.
+  timer_.start([this](const dispatch::TimerSource::Wake& wake) { onWake(wake); },
+               [](dispatch::TimerSource::Failure failure, int error) {
+                 if (failure == dispatch::TimerSource::Failure::kPoll) {
+                   VANTOR_LOG(3, "%s poll failed: %s", kPoll, std::strerror(error));
+                 } else {
+                   VANTOR_LOG(3, "%s cannot read a wake-up: %s", kPoll, std::strerror(error));
+                 }
+               },
+               {mountsFd_, POLLPRI});
 }
 
 LowSpaceMonitor::~LowSpaceMonitor() {
-  if (thread_.joinable()) {
-    const std::uint64_t one = 1;
-    if (::write(stopFd_, &one, sizeof one) == sizeof one) {
-      thread_.join();
-    } else {
-      // The thread cannot be told to stop; waiting for it would hang.
-      VANTOR_LOG(3, "%s cannot stop the thread: %s", kPoll, std::strerror(errno));
-      thread_.detach();
-    }
+  if (const int error = timer_.stop()) {
+    // The thread cannot be told to stop; waiting for it would hang.
+    VANTOR_LOG(3, "%s cannot stop the thread: %s", kPoll, std::strerror(error));
   }
-  for (int fd : {timerFd_, mountsFd_, wakeFd_, stopFd_}) {
-    if (fd >= 0)
-      ::close(fd);
-  }
+  if (mountsFd_ >= 0)
+    ::close(mountsFd_);
 }
 
 void LowSpaceMonitor::pollNow() {
-  const std::uint64_t one = 1;
-  if (wakeFd_ >= 0 && ::write(wakeFd_, &one, sizeof one) < 0 && errno != EAGAIN)
-    VANTOR_LOG(3, "%s cannot wake the monitor: %s", kPoll, std::strerror(errno));
+  if (const int error = timer_.wake())
+    VANTOR_LOG(3, "%s cannot wake the monitor: %s", kPoll, std::strerror(error));
 }
 
-std::chrono::nanoseconds LowSpaceMonitor::threadCpuTime() const {
-  clockid_t clock;
-  timespec used{};
-  if (!thread_.joinable() ||
-      pthread_getcpuclockid(const_cast<std::thread&>(thread_).native_handle(), &clock) != 0 ||
-      ::clock_gettime(clock, &used) != 0) {
-    return {};
-  }
-  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+void LowSpaceMonitor::onWake(const dispatch::TimerSource::Wake& wake) {
+  // The first poll runs as the thread starts. A mount table change is seen
+  // by the volume list, which reads the new table itself.
+  if (wake.started || wake.timer || wake.watched || wake.woken)
+    guardedPoll();
 }
 
-void LowSpaceMonitor::run() {
+void LowSpaceMonitor::guardedPoll() {
   // Nothing thrown by one poll (an allocation, a handler that cannot hand
   // on) stops the watch: it is logged and the next poll comes as usual.
-  const auto guardedPoll = [this] {
-    try {
-      pollVolumes();
-    } catch (const std::exception& e) {
-      VANTOR_LOG(3, "%s a poll failed: %s", kPoll, e.what());
-    } catch (...) {
-      VANTOR_LOG(3, "%s a poll failed", kPoll);
-    }
-  };
-  guardedPoll();
-  // A missing mount table (no /proc) leaves a negative descriptor, which
-  // poll() ignores: the timer alone then drives the polls.
-  pollfd fds[4] = {
-      {timerFd_, POLLIN, 0}, {mountsFd_, POLLPRI, 0}, {wakeFd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
-  // Clears a change mark older than the volume list just read.
-  ::poll(&fds[1], 1, 0);
-  for (;;) {
-    if (::poll(fds, 4, -1) < 0) {
-      if (errno == EINTR)
-        continue;
-      VANTOR_LOG(3, "%s poll failed: %s", kPoll, std::strerror(errno));
-      return;
-    }
-    if (fds[3].revents != 0)
-      return;
-    for (int i : {0, 2}) {
-      std::uint64_t count = 0;
-      if (fds[i].revents != 0 && ::read(fds[i].fd, &count, sizeof count) < 0 && errno != EAGAIN)
-        VANTOR_LOG(3, "%s cannot read a wake-up: %s", kPoll, std::strerror(errno));
-    }
-    // Polling the mount table clears its change mark; the volume list reads
-    // the new table itself.
-    if (fds[0].revents != 0 || fds[1].revents != 0 || fds[2].revents != 0)
-      guardedPoll();
+  try {
+    pollVolumes();
+  } catch (const std::exception& e) {
+    VANTOR_LOG(3, "%s a poll failed: %s", kPoll, e.what());
+  } catch (...) {
+    VANTOR_LOG(3, "%s a poll failed", kPoll);
   }
 }
 

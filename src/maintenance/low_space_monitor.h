@@ -7,9 +7,9 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "platform/dispatch/timer_source.h"
 #include "support/low_space.h"
 
 namespace vantor {
@@ -91,12 +91,13 @@ class LowSpaceMonitor {
   void pollNow();
 
   // The CPU time the monitor's thread has used so far (for the benchmark).
-  std::chrono::nanoseconds threadCpuTime() const;
+  std::chrono::nanoseconds threadCpuTime() const { return timer_.threadCpuTime(); }
   // Polls completed so far.
   std::uint64_t polls() const { return polls_.load(); }
 
  private:
-  void run();
+  void onWake(const dispatch::TimerSource::Wake& wake);
+  void guardedPoll();
   void pollVolumes();
   void raise(const std::string& volume, std::uint64_t flags);
   void applyHandled();
@@ -126,11 +127,9 @@ class LowSpaceMonitor {
   std::mutex finishedMutex_;
   std::vector<Finished> finished_;
   std::atomic<std::uint64_t> polls_{0};
-  int timerFd_ = -1;
   int mountsFd_ = -1;
-  int wakeFd_ = -1;
-  int stopFd_ = -1;
-  std::thread thread_;
+  // Its thread is the monitor's thread.
+  dispatch::TimerSource timer_{CLOCK_MONOTONIC};
 };
 
 }  // namespace vantor

@@ -1,19 +1,14 @@
 // When a volume raises a low-space event: hysteresis, the repeat counted from
 // the end of handling, one event at a time, and none while nobody can act.
-// What handling a low-disk event purges and counts. The daily scheduler's
-// runs go on past a run that throws. (The fixed request, the signal and the
-// repeat are asserted against the real daemon in low_space_test.)
+// What handling a low-disk event purges and counts. (The fixed request, the
+// signal and the repeat are asserted against the real daemon in
+// low_space_test.)
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <stdexcept>
-
 #include "common/test_context.h"
-#include "maintenance/daily_scheduler.h"
 #include "maintenance/low_disk.h"
 #include "maintenance/low_space_monitor.h"
-#include "platform/dispatch/semaphore.h"
 
 namespace vantor::test {
 namespace {
@@ -91,23 +86,6 @@ TEST(LowDiskEvent, PurgesEveryLowVolumeInOrderAndCountsTheEventByItsFlags) {
     EXPECT_EQ(purged, c.low) << c.flags;
     EXPECT_EQ(counted, c.counted) << c.flags;
   }
-}
-
-TEST(DailyScheduler, ARunThatThrowsDoesNotStopTheNextRun) {
-  TempDir dir;
-  std::atomic<int> runs{0};
-  dispatch::Semaphore secondRun;
-  DailyScheduler scheduler(dir.path() / "daily-run", std::chrono::milliseconds(50),
-                           [&](ActivityState state) {
-                             if (state != ActivityState::kRun)
-                               return;
-                             const int run = ++runs;
-                             if (run == 2)
-                               secondRun.signal();
-                             if (run == 1)
-                               throw std::runtime_error("the first run fails");
-                           });
-  EXPECT_TRUE(secondRun.wait(dispatch::after(seconds(10))));
 }
 
 }  // namespace
