@@ -20,17 +20,18 @@
 
 namespace vantor::cachedir {
 
+// Every field has a default, so tests may name only those they need.
 struct CommandDefinition {
-  std::string name;
-  std::filesystem::path file;             // where it was read from, for log lines
-  std::vector<std::string> required;      // "Requires": paths that must exist
-  std::vector<std::string> measure;       // a command printing sizes, or
-  std::vector<std::string> measurePaths;  // globs whose files are counted
-  std::vector<std::string> purge;         // {bytes} and {keep} substituted
+  std::string name{};
+  std::filesystem::path file{};             // where it was read from, for log lines
+  std::vector<std::string> required{};      // "Requires": paths that must exist
+  std::vector<std::string> measure{};       // a command printing sizes, or
+  std::vector<std::string> measurePaths{};  // globs whose files are counted
+  std::vector<std::string> purge{};         // {bytes} and {keep} substituted
   // Files the Purge command counts toward {keep} but never removes; those
   // MeasurePaths also matches are not counted twice.
-  std::vector<std::string> keepPaths;
-  std::vector<std::string> periodic;  // may be empty
+  std::vector<std::string> keepPaths{};
+  std::vector<std::string> periodic{};  // may be empty
   std::int32_t minimumUrgency = 1;
   std::chrono::seconds timeout{300};
 };
