@@ -17,12 +17,8 @@ using vantor::example::say;
 
 struct Misbehaviour {
   std::string exitOn;
-  bool silent = false;
-  bool silentPurge = false;
-  bool noPong = false;
-  bool textAmount = false;
-  long hugeReplyMiB = 0;
-  long deepReply = 0;
+  bool silent = false, silentPurge = false, noPong = false, textAmount = false;
+  long hugeReplyMiB = 0, deepReply = 0;
   std::size_t checkinIds = 1;
 };
 
@@ -83,12 +79,10 @@ class FakeService final : public vantor::kit::Service {
     // Entries of about 64 bytes each, keys and values together.
     for (long i = 0; i < bad_.hugeReplyMiB * 16384; ++i)
       answer.emplace("filler." + std::to_string(i), Value(std::string(48, 'x')));
-    if (bad_.deepReply > 0) {
-      Value nested{Value::Dictionary{}};
-      for (long i = 0; i < bad_.deepReply; ++i)
-        nested = Value(Value::Dictionary{{"NEST", std::move(nested)}});
-      answer.emplace("NEST", std::move(nested));
-    }
+    // N + 1 levels of "NEST" below the answer, the innermost an empty dictionary.
+    Value::Dictionary* level = &answer;
+    for (long i = 0; bad_.deepReply > 0 && i <= bad_.deepReply; ++i)
+      level = level->emplace("NEST", Value(Value::Dictionary{})).first->second.asDictionary();
   }
 
   void exitIfAsked(const std::string& what) const {
