@@ -360,7 +360,7 @@ bool waitForText(const std::filesystem::path& file, const std::string& text,
 }
 
 std::string DaemonHarness::exampleServicePath() {
-  return std::string(VANTOR_TOOLS_DIR) + "/vantor-example-service";
+  return VANTOR_SERVICE_BINARY;  // the example service with test-only misbehaviour
 }
 
 std::unique_ptr<ChildProcess> DaemonHarness::startService(const std::vector<std::string>& args) {

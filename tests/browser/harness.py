@@ -162,7 +162,7 @@ class Harness:
         out_path = os.path.join(self.dir, name + ".out")
         out = open(out_path, "wb")
         self.services[name] = out_path
-        self.spawn(name, [os.path.join(self.build_dir, "tools/vantor-example-service"),
+        self.spawn(name, [os.path.join(self.build_dir, "tests/fake_service/vantor-fake-service"),
                           "--id", name, "--checkin", *args],
                    env={"DBUS_SYSTEM_BUS_ADDRESS": self.bus}, stdout=out)
         wait_until(lambda: self.service_lines(name, "checked-in") >= expect or

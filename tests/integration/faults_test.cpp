@@ -59,24 +59,29 @@ TEST(AServiceThatExits, AtEveryKindOfRequestLeavesItsCallerAnsweredAndTheDaemonS
   auto client = ctx.connect();
   // Each exits at one kind of request: the ping of its own check-in, a
   // query, a purge, a notification, and the daily run (every second here).
-  const std::vector<std::string> kinds = {"ping", "purgeable", "purge", "notify", "periodic"};
-  const std::map<std::string, std::vector<std::string>> extra = {
-      {"notify", {"--notify", "VANTOR_CACHE_ENABLED"}}, {"periodic", {"--periodic"}}};
-  const std::map<std::string, std::function<void()>> request = {
-      {"purgeable", [&] { EXPECT_NO_THROW(purgeableOnRoot(*client)); }},
-      {"purge", [&] { EXPECT_NO_THROW(purgeOnRoot(*client, 3)); }},
-      {"notify", [&] { EXPECT_EQ(setState(*client, "VANTOR_CACHE_ENABLED", Value(false)), ""); }}};
+  struct Kind {
+    std::string what;
+    std::vector<std::string> args;
+    std::function<void()> request;
+  };
+  const std::vector<Kind> kinds = {
+      {"ping", {}, {}},
+      {"purgeable", {}, [&] { EXPECT_NO_THROW(purgeableOnRoot(*client)); }},
+      {"purge", {}, [&] { EXPECT_NO_THROW(purgeOnRoot(*client, 3)); }},
+      {"notify",
+       {"--notify", "VANTOR_CACHE_ENABLED"},
+       [&] { EXPECT_EQ(setState(*client, "VANTOR_CACHE_ENABLED", Value(false)), ""); }},
+      {"periodic", {"--periodic"}, {}}};
   std::vector<std::unique_ptr<ChildProcess>> services;
-  for (const auto& what : kinds) {
+  for (const auto& [what, args, request] : kinds) {
     SCOPED_TRACE(what);
-    std::vector<std::string> args = {"--id", "com.example.exits-on-" + what, "--checkin",
-                                     "--exit-on", what};
-    if (extra.count(what))
-      args.insert(args.end(), extra.at(what).begin(), extra.at(what).end());
-    services.push_back(ctx.startService(args));
-    if (request.count(what)) {
+    std::vector<std::string> all = {"--id", "com.example.exits-on-" + what, "--checkin",
+                                    "--exit-on", what};
+    all.insert(all.end(), args.begin(), args.end());
+    services.push_back(ctx.startService(all));
+    if (request) {
       ASSERT_TRUE(services.back()->waitForLine("checked-in", seconds(20)));
-      request.at(what)();
+      request();
     }
     EXPECT_TRUE(services.back()->waitForLine("exiting", seconds(20)));
   }
@@ -84,20 +89,22 @@ TEST(AServiceThatExits, AtEveryKindOfRequestLeavesItsCallerAnsweredAndTheDaemonS
   // Every one of them is forgotten, and the daemon serves on.
   for (const auto& service : services)
     EXPECT_TRUE(service->waitExit(seconds(10)));
-  for (const auto& what : kinds) {
-    const std::string id = "com.example.exits-on-" + what;
+  for (const auto& kind : kinds) {
+    const std::string id = "com.example.exits-on-" + kind.what;
     EXPECT_TRUE(waitUntil([&] { return purgeableOnRoot(*client).count(id) == 0; }, seconds(5)))
         << id;
   }
   expectServing(ctx);
 }
 
-// Answers the daemon cannot use: one sent twice, a string for an amount, one
-// of 10 MiB, an array where the dictionary belongs, and nested dictionaries.
-// A D-Bus message nests at most 64 containers (a level of a{sv} takes three),
+// Answers the daemon cannot use: an error or extra arguments for the ping,
+// garbage for a notification, one sent twice, a string for an amount, one of
+// 10 MiB, an array where the dictionary belongs, and nested dictionaries. A
+// D-Bus message nests at most 64 containers (a level of a{sv} takes three),
 // so the bus carries about twenty levels; one a few levels deeper is refused
-// by the bus and never reaches the daemon. Whatever is usable is counted
-// once, nothing else of it is kept, and nobody else suffers.
+// by the bus and never reaches the daemon. A service whose ping fails is
+// given up and never notified; whatever else is usable is counted once,
+// nothing else of it is kept, and nobody else suffers.
 TEST(AServiceThatMisanswers, IsCountedOnceOrNotAtAllAndNobodyElseSuffers) {
   TestContext ctx;
   ASSERT_TRUE(ctx.startDaemonGranting(kEverything));
@@ -106,20 +113,42 @@ TEST(AServiceThatMisanswers, IsCountedOnceOrNotAtAllAndNobodyElseSuffers) {
   auto deepest = checkedInService(ctx, "com.example.deep", {"--deep-reply", "20", "--amount", "7"});
   auto tooDeep =
       checkedInService(ctx, "com.example.toodeep", {"--deep-reply", "30", "--amount", "11"});
+  auto good = checkedInService(ctx, "com.example.good",
+                               {"--amount", "0", "--notify", "VANTOR_CACHE_ENABLED"});
   ASSERT_FALSE(::testing::Test::HasFailure());
 
-  // Services on the raw bus: one whose purgeable answer is an array, one
-  // that sends its answer twice.
+  // Services on the raw bus, asking for notifications: one that answers its
+  // ping with an error, one that adds to its pong, one whose purgeable answer
+  // is an array, one that sends that answer twice and answers notifications
+  // with garbage.
   SignalWatch outcome;  // outlives the proxies and so every reply handler
   const auto pong = [](sdbus::MethodCall call) { call.createReply().send(); };
+  RawService failing(ctx, [](sdbus::MethodCall call) {
+    call.createErrorReply(sdbus::Error("com.example.Broken", "no pong today")).send();
+  });
+  RawService noisy(ctx, [](sdbus::MethodCall call) {
+    auto reply = call.createReply();
+    reply << std::string("unexpected");
+    reply.send();
+  });
   RawService array(ctx, pong);
+  RawService twice(ctx, pong);
+  std::atomic<int> failingNotified{0}, twiceNotified{0};
+  for (auto [service, count] : {std::pair{&failing, &failingNotified}, {&twice, &twiceNotified}}) {
+    service->object->registerMethod(RawService::kInterface, "ServiceNotify", "a{sv}", "",
+                                    [count](sdbus::MethodCall call) {
+                                      ++*count;
+                                      auto reply = call.createReply();
+                                      reply << std::string("garbage") << std::int32_t{42};
+                                      reply.send();
+                                    });
+  }
   array.object->registerMethod(
       RawService::kInterface, "ServicePurgeable", "ia{sv}", "av", [](sdbus::MethodCall call) {
         auto reply = call.createReply();
         reply << std::vector<sdbus::Variant>{sdbus::Variant(std::uint64_t{5})};
         reply.send();
       });
-  RawService twice(ctx, pong);
   twice.object->registerMethod(RawService::kInterface, "ServicePurgeable", "ia{sv}", "a{sv}",
                                [](sdbus::MethodCall call) {
                                  for (int i = 0; i < 2; ++i) {
@@ -129,19 +158,34 @@ TEST(AServiceThatMisanswers, IsCountedOnceOrNotAtAllAndNobodyElseSuffers) {
                                    reply.send();
                                  }
                                });
-  for (auto [service, id] :
-       {std::pair{&array, "com.example.array"}, {&twice, "com.example.twice"}}) {
+  const std::map<std::string, sdbus::Variant> info = {
+      {"PURGE", sdbus::Variant(true)},
+      {"VANTOR_NOTIFICATIONS", sdbus::Variant(std::vector<sdbus::Variant>{
+                                   sdbus::Variant(std::string("VANTOR_CACHE_ENABLED"))})}};
+  for (auto [service, id] : {std::pair{&failing, "com.example.failing"},
+                             {&noisy, "com.example.noisy"},
+                             {&array, "com.example.array"},
+                             {&twice, "com.example.twice"}}) {
     service->checkIn(
-        id, {{"PURGE", sdbus::Variant(true)}},
+        id, info,
         [&outcome, id](const sdbus::Error* e, const std::map<std::string, sdbus::Variant>& in) {
           outcome.record(e ? e->getName() : in.count("VANTOR_ID") ? id : "no id");
         });
-    ASSERT_TRUE(outcome.waitFor(id, seconds(20))) << ctx.daemonLog();
   }
+  for (const char* id : {"com.example.array", "com.example.twice"})
+    ASSERT_TRUE(outcome.waitFor(id, seconds(20))) << ctx.daemonLog();
+  // The two whose ping failed are given up.
+  EXPECT_TRUE(
+      waitUntil([&] { return ctx.logCount("invalidationHandler ENTRY") == 2; }, seconds(10)));
+
+  auto client = ctx.connect();
+  EXPECT_EQ(setState(*client, "VANTOR_CACHE_ENABLED", Value(false)), "");
+  EXPECT_TRUE(good->waitForLine("notify", seconds(10)));
+  EXPECT_TRUE(waitUntil([&] { return twiceNotified == 1; }, seconds(10)));
+  EXPECT_EQ(failingNotified, 0);
 
   // Answers may come after the query's wait (the 10 MiB one surely does);
   // once they have come, a later query counts them from the cache.
-  auto client = ctx.connect();
   auto answer = purgeableOnRoot(*client);
   ASSERT_TRUE(huge->waitForLine("purgeable", seconds(20)));
   waitUntil(
@@ -150,7 +194,7 @@ TEST(AServiceThatMisanswers, IsCountedOnceOrNotAtAllAndNobodyElseSuffers) {
         return answer.count("com.example.twice") && answer.count("com.example.huge") &&
                answer.count("com.example.deep");
       },
-      seconds(30));
+      seconds(60));
   EXPECT_EQ(answer.count("com.example.twice"), 1u);
   ASSERT_EQ(answer.count("com.example.deep"), 1u) << ctx.daemonLog();
   EXPECT_EQ(answer.at("com.example.deep"), Value(std::uint64_t{7}));
