@@ -18,12 +18,12 @@ namespace {
 
 TEST(CallLimits, AdmitUpToEachCapRefuseBeyondAndFreePlacesOnAnswerOrDeparture) {
   enum Op { kAdmit, kAnswer, kLeave };
+  // `refusal` is null when the call is admitted, else a part of the reason.
   struct Step {
     Op op;
     const char* sender;
-    const char* refusal;  // for kAdmit: null when admitted, else a part of the reason
-    std::size_t callsAfter;
-    std::size_t logLinesAfter;
+    const char* refusal;
+    std::size_t callsAfter, logLinesAfter;
   };
   const Step steps[] = {
       {kAdmit, "a", nullptr, 1, 0},
@@ -45,20 +45,17 @@ TEST(CallLimits, AdmitUpToEachCapRefuseBeyondAndFreePlacesOnAnswerOrDeparture) {
   auto limits = std::make_shared<CallLimits>("operation", CallCaps{3, 2});
   std::map<std::string, std::vector<std::unique_ptr<CallLimits::Admission>>> held;
   for (const Step& step : steps) {
-    SCOPED_TRACE(std::string(step.sender) + " at step " + std::to_string(&step - steps));
+    SCOPED_TRACE("step " + std::to_string(&step - steps));
     auto& mine = held[step.sender];
+    std::string reason;
     if (step.op == kAdmit) {
-      std::string reason;
       auto admission = limits->admit(step.sender, &reason);
       EXPECT_EQ(admission == nullptr, step.refusal != nullptr);
-      if (step.refusal != nullptr) {
-        EXPECT_NE(reason.find(step.refusal), std::string::npos) << reason;
-      }
+      EXPECT_NE(reason.find(step.refusal ? step.refusal : ""), std::string::npos) << reason;
       if (admission)
         mine.push_back(std::move(admission));
     } else if (step.op == kAnswer) {
-      mine.front()->release();
-      mine.erase(mine.begin());
+      mine.erase(mine.begin());  // destroying an admission answers its call
     } else {
       limits->senderLeft(step.sender);
       for (const auto& admission : mine)
