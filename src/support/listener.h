@@ -2,12 +2,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
-#include <unordered_map>
 
 #include <sdbus-c++/IConnection.h>
 
@@ -15,6 +14,10 @@
 #include "support/admin_protocol.h"
 #include "support/client_connection.h"
 #include "support/client_protocol.h"
+#include "support/credential_cache.h"
+// The notify functions emit through the listener resumed last; their callers
+// include this header.
+#include "support/notify.h"
 
 namespace vantor {
 
@@ -81,10 +84,15 @@ class VantorListener {
 
   VantorClientProtocol& exported() { return *exported_; }
 
+  // The listener that was resumed last, while it exists; null before and
+  // after.
+  static VantorListener* resumedLast();
+
  private:
   explicit VantorListener(std::shared_ptr<VantorClientProtocol> exported);
-  std::shared_ptr<const ClientConnection> connectionFor(const std::string& sender);
-  std::shared_ptr<const ClientConnection> knownConnection(const std::string& sender);
+  // Runs `emit` on the exported object: 0, or -1 with errno ENOTCONN when not
+  // connected, EIO when the signal could not be sent.
+  int emitSignal(const std::function<void(ClientObject&)>& emit);
   void admitConnection(const std::shared_ptr<const ClientConnection>& connection,
                        const CallerGone& gone, const std::function<void()>& body,
                        const std::function<void()>& deny);
@@ -110,26 +118,7 @@ class VantorListener {
   std::atomic<bool> leaving_{false};
   // The watch on connections leaving the bus.
   sdbus::Slot departures_;
-
-  std::mutex cacheMutex_;
-  std::unordered_map<std::string, std::shared_ptr<const ClientConnection>> cache_;
+  CredentialCache credentials_;
 };
-
-// Emits the Posted signal through the listener that was resumed last. Returns
-// 0, or -1 with errno set when no listener is connected or the signal could
-// not be sent.
-int notifyPost(const std::string& name);
-
-// Tells the service manager the daemon is ready (when NOTIFY_SOCKET is set).
-void notifyReady();
-
-// Emits the LowSpace signal (a volume entered low or very low space) through
-// the listener that was resumed last. Returns 0, or -1 with errno set.
-int notifyLowSpace(const std::string& volume, std::uint64_t available, std::uint64_t threshold,
-                   bool veryLow);
-
-// Emits the PurgeFinished signal through the listener that was resumed last.
-// Returns 0, or -1 with errno set.
-int notifyPurgeFinished(const Value::Dictionary& purge);
 
 }  // namespace vantor

@@ -1,5 +1,7 @@
 #include "support/service_connection.h"
 
+#include <systemd/sd-bus.h>
+
 #include <atomic>
 #include <limits>
 
@@ -147,59 +149,16 @@ class DBusServiceProxy final : public VantorServiceProxy {
   ErrorHandler errorHandler_;
 };
 
-bool isNameElement(std::string_view element, bool unique) {
-  if (element.empty())
-    return false;
-  if (!unique && element[0] >= '0' && element[0] <= '9')
-    return false;
-  for (char c : element) {
-    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                    c == '_' || c == '-';
-    if (!ok)
-      return false;
-  }
-  return true;
-}
-
 }  // namespace
 
+// libsystemd reads C strings: a name or path with a NUL inside would be judged
+// by its part before the NUL, so such a string is refused here.
 bool isValidBusName(const std::string& name) {
-  if (name.empty() || name.size() > 255)
-    return false;
-  const bool unique = name[0] == ':';
-  std::string_view rest(name);
-  if (unique)
-    rest.remove_prefix(1);
-  std::size_t elements = 0;
-  std::size_t start = 0;
-  for (;;) {
-    std::size_t dot = rest.find('.', start);
-    std::string_view element =
-        rest.substr(start, dot == std::string_view::npos ? std::string_view::npos : dot - start);
-    if (!isNameElement(element, unique))
-      return false;
-    ++elements;
-    if (dot == std::string_view::npos)
-      break;
-    start = dot + 1;
-  }
-  return elements >= 2;
+  return name.find('\0') == std::string::npos && sd_bus_service_name_is_valid(name.c_str()) > 0;
 }
 
 bool isValidObjectPath(const std::string& path) {
-  if (path.empty() || path[0] != '/')
-    return false;
-  if (path == "/")
-    return true;
-  if (path.back() == '/' || path.find("//") != std::string::npos)
-    return false;
-  for (char c : path) {
-    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                    c == '_' || c == '/';
-    if (!ok)
-      return false;
-  }
-  return true;
+  return path.find('\0') == std::string::npos && sd_bus_object_path_is_valid(path.c_str()) > 0;
 }
 
 sdbus::IConnection* serviceBus() {

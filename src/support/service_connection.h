@@ -58,7 +58,8 @@ std::shared_ptr<VantorServiceProxy> makeServiceProxy(
     sdbus::IConnection& connection, const ServiceEndpoint& endpoint,
     std::function<void(const std::string& error)> errorHandler);
 
-// Whether `name` is a valid D-Bus bus name (unique or well-known).
+// Whether `name` is a valid D-Bus bus name (unique or well-known), and
+// whether `path` is a valid D-Bus object path.
 bool isValidBusName(const std::string& name);
 bool isValidObjectPath(const std::string& path);
 

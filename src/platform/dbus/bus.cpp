@@ -39,18 +39,35 @@ std::optional<std::uint64_t> readUnsigned(const sdbus::Variant& v) {
   return std::nullopt;
 }
 
-struct PendingCredentials {
+// The answer to an asynchronous call to the bus daemon, which the caller waits
+// for with a deadline. Shared with the reply handler, which may run after the
+// caller gave up waiting.
+template <typename T>
+struct Pending {
   std::mutex mutex;
   std::condition_variable cv;
   bool done = false;
-  std::optional<PeerCredentials> result;
+  std::optional<T> result;
+
+  void finish(std::optional<T> value) {
+    std::lock_guard lock(mutex);
+    result = std::move(value);
+    done = true;
+    cv.notify_all();
+  }
+  std::optional<T> wait(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex);
+    if (!cv.wait_for(lock, timeout, [&] { return done; }))
+      return std::nullopt;
+    return result;
+  }
 };
 
 }  // namespace
 
 std::optional<PeerCredentials> BusDaemon::peerCredentials(const std::string& sender,
                                                           std::chrono::milliseconds timeout) {
-  auto pending = std::make_shared<PendingCredentials>();
+  auto pending = std::make_shared<Pending<PeerCredentials>>();
   try {
     proxy_->callMethodAsync("GetConnectionCredentials")
         .onInterface("org.freedesktop.DBus")
@@ -82,44 +99,13 @@ std::optional<PeerCredentials> BusDaemon::peerCredentials(const std::string& sen
                 if (haveUid)
                   creds = std::move(c);
               }
-              std::lock_guard lock(pending->mutex);
-              pending->result = std::move(creds);
-              pending->done = true;
-              pending->cv.notify_all();
+              pending->finish(std::move(creds));
             });
   } catch (const sdbus::Error&) {
     return std::nullopt;
   }
-  std::unique_lock lock(pending->mutex);
-  if (!pending->cv.wait_for(lock, timeout, [&] { return pending->done; }))
-    return std::nullopt;
-  return pending->result;
+  return pending->wait(timeout);
 }
-
-namespace {
-
-template <typename T>
-struct Pending {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool done = false;
-  std::optional<T> result;
-
-  void finish(std::optional<T> value) {
-    std::lock_guard lock(mutex);
-    result = std::move(value);
-    done = true;
-    cv.notify_all();
-  }
-  std::optional<T> wait(std::chrono::milliseconds timeout) {
-    std::unique_lock lock(mutex);
-    if (!cv.wait_for(lock, timeout, [&] { return done; }))
-      return std::nullopt;
-    return result;
-  }
-};
-
-}  // namespace
 
 std::optional<bool> BusDaemon::nameHasOwner(const std::string& name,
                                             std::chrono::milliseconds timeout) {
