@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "platform/values/binary_plist_writer.h"
+#include "platform/values/utf8.h"
 
 namespace vantor {
 namespace {
@@ -222,30 +223,13 @@ std::string textOf(const char* s, std::size_t length) {
   const std::string_view text(s, s != nullptr ? strnlen(s, length) : 0);
   std::string out;
   out.reserve(text.size());
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    const int extra = c < 0x80             ? 0
-                      : (c & 0xE0) == 0xC0 ? 1
-                      : (c & 0xF0) == 0xE0 ? 2
-                      : (c & 0xF8) == 0xF0 ? 3
-                                           : -1;
-    char32_t cp = extra <= 0 ? c : c & (0x7F >> (extra + 1));
-    bool valid = extra >= 0 && i + static_cast<std::size_t>(extra) < text.size();
-    for (int k = 1; valid && k <= extra; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + static_cast<std::size_t>(k)]);
-      valid = (next & 0xC0) == 0x80;
-      cp = (cp << 6) | (next & 0x3F);
-    }
-    constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
-    if (!valid || cp < kMinimum[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+  forEachUtf8Unit(text, [&out](const Utf8Unit& unit) {
+    if (unit.malformed()) {
       out += "\xEF\xBF\xBD";
-      ++i;
-      continue;
+    } else {
+      out += unit.bytes;
     }
-    out.append(text, i, static_cast<std::size_t>(extra) + 1);
-    i += static_cast<std::size_t>(extra) + 1;
-  }
+  });
   return out;
 }
 
