@@ -357,6 +357,8 @@ std::optional<SettingsStore::FileStamp> SettingsStore::writeFile(
     const std::vector<std::uint8_t>& bytes, std::string* error) const {
   const std::string next = nextPath();
   struct stat st {};
+  // Not flushed here: the backup rounds do the flushing, for many writes
+  // together.
   const auto failure = replaceFile(path_, next, bytes, {.mode = 0600}, files_, &st);
   if (!failure)
     return FileStamp::of(st);
