@@ -1,207 +1,18 @@
 #include "testkit/daemon_harness.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
+#include "platform/files/fd.h"
 #include "platform/values/plist_io.h"
 
 namespace vantor::testkit {
-
-namespace {
-
-int pidfdOpen(pid_t pid) {
-  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-}
-
-}  // namespace
-
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "vantor-test-XXXXXX").string();
-  char* made = ::mkdtemp(pattern.data());
-  if (made == nullptr)
-    throw std::runtime_error("mkdtemp failed");
-  path_ = made;
-}
-
-TempDir::~TempDir() {
-  std::error_code ec;
-  std::filesystem::remove_all(path_, ec);
-}
-
-ChildProcess::ChildProcess(const std::vector<std::string>& argv,
-                           const std::map<std::string, std::string>& env,
-                           const std::filesystem::path& logFile, bool captureStdout) {
-  int out[2] = {-1, -1};
-  if (captureStdout && ::pipe2(out, O_CLOEXEC) != 0)
-    throw std::runtime_error("pipe failed");
-  pid_ = ::fork();
-  if (pid_ < 0)
-    throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    int fd = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd >= 0) {
-      ::dup2(fd, STDERR_FILENO);
-      ::dup2(fd, STDOUT_FILENO);
-    }
-    if (captureStdout)
-      ::dup2(out[1], STDOUT_FILENO);
-    for (const auto& [name, value] : env)
-      ::setenv(name.c_str(), value.c_str(), 1);
-    std::vector<char*> args;
-    for (const auto& a : argv)
-      args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  pidfd_ = pidfdOpen(pid_);
-  if (captureStdout) {
-    ::close(out[1]);
-    stdout_ = out[0];
-  }
-}
-
-bool ChildProcess::sawLineStartingWith(const std::string& prefix) const {
-  for (const auto& line : lines_) {
-    if (line.rfind(prefix, 0) == 0)
-      return true;
-  }
-  return false;
-}
-
-std::optional<std::string> ChildProcess::waitForLine(const std::string& prefix,
-                                                     std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    for (; scanned_ < lines_.size(); ++scanned_) {
-      if (lines_[scanned_].rfind(prefix, 0) == 0)
-        return lines_[scanned_++];
-    }
-    if (stdout_ < 0)
-      return std::nullopt;
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0)
-      return std::nullopt;
-    struct pollfd pfd {
-      stdout_, POLLIN, 0
-    };
-    if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0)
-      return std::nullopt;
-    char buffer[4096];
-    ssize_t n = ::read(stdout_, buffer, sizeof buffer);
-    if (n <= 0) {
-      ::close(stdout_);
-      stdout_ = -1;
-      continue;
-    }
-    pending_.append(buffer, static_cast<std::size_t>(n));
-    for (auto nl = pending_.find('\n'); nl != std::string::npos; nl = pending_.find('\n')) {
-      lines_.push_back(pending_.substr(0, nl));
-      pending_.erase(0, nl + 1);
-    }
-  }
-}
-
-ChildProcess::~ChildProcess() {
-  if (!status_) {
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-  }
-  if (pidfd_ >= 0)
-    ::close(pidfd_);
-}
-
-void ChildProcess::signal(int sig) {
-  if (!status_)
-    ::kill(pid_, sig);
-}
-
-std::optional<int> ChildProcess::waitExit(std::chrono::milliseconds timeout) {
-  if (status_)
-    return status_;
-  struct pollfd pfd {
-    pidfd_, POLLIN, 0
-  };
-  if (::poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0)
-    return std::nullopt;
-  int status = 0;
-  if (::waitpid(pid_, &status, 0) != pid_)
-    return std::nullopt;
-  status_ = status;
-  return status_;
-}
-
-PrivateBus::PrivateBus(const std::filesystem::path& directory)
-    : serviceDir_(directory / "bus-services") {
-  // The shared configuration plus a directory of activatable services of
-  // this bus's own, so tests can install .service files without touching
-  // any other bus.
-  std::filesystem::create_directories(serviceDir_);
-  const auto config = directory / "bus.conf";
-  {
-    std::ofstream out(config, std::ios::trunc);
-    out << "<busconfig>\n  <include>" << VANTOR_BUS_CONFIG << "</include>\n  <servicedir>"
-        << serviceDir_.string() << "</servicedir>\n</busconfig>\n";
-  }
-  // The bus prints its address on a pipe once it listens.
-  int fds[2];
-  if (::pipe2(fds, 0) != 0)
-    throw std::runtime_error("pipe failed");
-  process_ = std::make_unique<ChildProcess>(
-      std::vector<std::string>{"/usr/bin/dbus-daemon", "--config-file=" + config.string(),
-                               "--nofork", "--print-address=" + std::to_string(fds[1])},
-      std::map<std::string, std::string>{}, directory / "bus.log");
-  ::close(fds[1]);
-  std::string text;
-  char buffer[512];
-  struct pollfd pfd {
-    fds[0], POLLIN, 0
-  };
-  while (text.find('\n') == std::string::npos && ::poll(&pfd, 1, 10000) > 0) {
-    ssize_t n = ::read(fds[0], buffer, sizeof buffer);
-    if (n <= 0)
-      break;
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fds[0]);
-  if (text.find('\n') == std::string::npos)
-    throw std::runtime_error("dbus-daemon did not start");
-  address_ = text.substr(0, text.find('\n'));
-}
-
-void SignalWatch::record(const std::string& what) {
-  std::lock_guard lock(mutex_);
-  seen_.push_back(what);
-  cv_.notify_all();
-}
-
-void SignalWatch::clear() {
-  std::lock_guard lock(mutex_);
-  seen_.clear();
-}
-
-bool SignalWatch::waitFor(const std::string& what, std::chrono::milliseconds timeout) {
-  std::unique_lock lock(mutex_);
-  return cv_.wait_for(lock, timeout, [&] {
-    for (const auto& s : seen_) {
-      if (s == what)
-        return true;
-    }
-    return false;
-  });
-}
 
 DaemonHarness::DaemonHarness() : root_(dir_.path() / "root"), stateDir_(dir_.path() / "state") {
   std::filesystem::create_directories(descriptorDir());
@@ -326,10 +137,10 @@ bool waitForText(const std::filesystem::path& file, const std::string& text,
                  std::chrono::milliseconds timeout) {
   // Woken by every write to a file of its directory, the file's creation
   // included; the deadline bounds the wait.
-  int inotify = ::inotify_init1(IN_CLOEXEC);
-  if (inotify < 0)
+  const Fd inotify(::inotify_init1(IN_CLOEXEC));
+  if (!inotify.valid())
     return false;
-  ::inotify_add_watch(inotify, file.parent_path().c_str(), IN_MODIFY | IN_CREATE);
+  ::inotify_add_watch(inotify.get(), file.parent_path().c_str(), IN_MODIFY | IN_CREATE);
   const auto read = [&] {
     std::ifstream in(file);
     std::stringstream contents;
@@ -348,14 +159,13 @@ bool waitForText(const std::filesystem::path& file, const std::string& text,
     if (left.count() <= 0)
       break;
     struct pollfd pfd {
-      inotify, POLLIN, 0
+      inotify.get(), POLLIN, 0
     };
     if (::poll(&pfd, 1, static_cast<int>(left.count())) > 0) {
       char events[4096];
-      [[maybe_unused]] ssize_t ignored = ::read(inotify, events, sizeof events);
+      [[maybe_unused]] ssize_t ignored = ::read(inotify.get(), events, sizeof events);
     }
   }
-  ::close(inotify);
   return found;
 }
 

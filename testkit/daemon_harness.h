@@ -3,102 +3,25 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "platform/values/value.h"
+#include "testkit/child_process.h"
+#include "testkit/private_bus.h"
+#include "testkit/signal_watch.h"
+#include "testkit/temp_dir.h"
 
 // What the integration tests and the benchmarks share: temporary
-// directories, child processes, a private bus and the real daemon on it.
+// directories, child processes, a private bus and the real daemon on it. This
+// header brings all of them.
 namespace vantor::testkit {
-
-// A temporary directory, removed with everything in it when destroyed.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
-
-// A child process. Destroying the handle kills the process if it still runs.
-class ChildProcess {
- public:
-  // Starts `argv` with the current environment plus `env`; its stderr goes
-  // to `logFile`, and so does its stdout unless `captureStdout` is set, in
-  // which case its lines are read with waitForLine.
-  ChildProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-               const std::filesystem::path& logFile, bool captureStdout = false);
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-
-  pid_t pid() const { return pid_; }
-  void signal(int sig);
-  // Waits for the process to end; the wait status, or nullopt at the deadline.
-  std::optional<int> waitExit(std::chrono::milliseconds timeout);
-
-  // Waits for a line of captured stdout that starts with `prefix` and returns
-  // it; nullopt at the deadline. Lines read while waiting are kept.
-  std::optional<std::string> waitForLine(const std::string& prefix,
-                                         std::chrono::milliseconds timeout);
-  // Every captured line read so far.
-  const std::vector<std::string>& lines() const { return lines_; }
-  bool sawLineStartingWith(const std::string& prefix) const;
-
- private:
-  pid_t pid_ = -1;
-  int pidfd_ = -1;
-  int stdout_ = -1;
-  std::string pending_;
-  std::vector<std::string> lines_;
-  std::size_t scanned_ = 0;
-  std::optional<int> status_;
-};
-
-// A private dbus-daemon with the test configuration. It keeps its log, its
-// configuration and its directory of activatable services in `directory`.
-class PrivateBus {
- public:
-  explicit PrivateBus(const std::filesystem::path& directory);
-  const std::string& address() const { return address_; }
-  // Where `.service` files for D-Bus activation on this bus go; the bus
-  // looks there when a name it does not know is called.
-  const std::filesystem::path& serviceDir() const { return serviceDir_; }
-
- private:
-  std::filesystem::path serviceDir_;
-  std::unique_ptr<ChildProcess> process_;
-  std::string address_;
-};
-
-// Records the signals of interest on a client connection.
-class SignalWatch {
- public:
-  void record(const std::string& what);
-  // Waits until `what` has been recorded, at most `timeout`.
-  bool waitFor(const std::string& what, std::chrono::milliseconds timeout);
-  // Forgets what was seen, e.g. before restarting the daemon.
-  void clear();
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::vector<std::string> seen_;
-};
 
 // A fresh temporary root (descriptor directory and entitlement policy), state
 // directory and private bus, and the daemon started on them. Problems are

@@ -14,6 +14,7 @@
 #include "platform/dispatch/global_pool.h"
 #include "platform/dispatch/semaphore.h"
 #include "platform/files/read_file.h"
+#include "platform/files/write_file.h"
 #include "support/log.h"
 #include "support/low_space.h"
 
@@ -175,17 +176,11 @@ void DailyScheduler::writeStamp(WallClock::time_point when) const {
       "\n";
   std::filesystem::path next = stampFile_;
   next += ".next";
-  const int fd = ::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  const bool written =
-      fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  if (fd >= 0)
-    ::close(fd);
-  std::error_code error;
-  if (written)
-    std::filesystem::rename(next, stampFile_, error);
-  if (!written || error) {
+  const std::span bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+  if (const auto failure =
+          replaceFile(stampFile_, next, bytes, {.mode = 0644, .narrowedByUmask = true})) {
     VANTOR_LOG(3, "%s cannot write %s: %s", kName, stampFile_.c_str(),
-               error ? error.message().c_str() : std::strerror(errno));
+               std::strerror(failure->error));
   }
 }
 

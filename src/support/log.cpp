@@ -8,6 +8,8 @@
 #include <mutex>
 #include <optional>
 
+#include "platform/files/write_file.h"
+
 namespace vantor {
 
 namespace {
@@ -76,18 +78,7 @@ void writeLogLine(const LogHandle*, int level, const char* tag, const char* form
       "<" + std::to_string(level < 0 ? 0 : (level > 7 ? 7 : level)) + ">" + tag + ": " + text;
   if (line.empty() || line.back() != '\n')
     line += '\n';
-  const char* data = line.data();
-  std::size_t left = line.size();
-  while (left > 0) {
-    ssize_t written = ::write(STDERR_FILENO, data, left);
-    if (written < 0) {
-      if (errno == EINTR)
-        continue;
-      return;
-    }
-    data += written;
-    left -= static_cast<std::size_t>(written);
-  }
+  writeAll(STDERR_FILENO, line.data(), line.size());
 }
 
 }  // namespace vantor

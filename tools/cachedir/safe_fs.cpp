@@ -187,20 +187,6 @@ bool takeAside(int dirfd, const char* name, std::string* aside) {
 
 }  // namespace
 
-Fd::~Fd() {
-  if (fd_ >= 0)
-    ::close(fd_);
-}
-
-Fd& Fd::operator=(Fd&& other) noexcept {
-  if (this != &other) {
-    if (fd_ >= 0)
-      ::close(fd_);
-    fd_ = other.release();
-  }
-  return *this;
-}
-
 bool haveOpenat2() {
   if (gOpenat2.load() < 0) {
     // A test seam: resolve as on kernels without openat2.

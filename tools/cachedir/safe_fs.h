@@ -14,30 +14,9 @@
 #include <optional>
 #include <string>
 
+#include "platform/files/fd.h"
+
 namespace vantor::cachedir {
-
-// An owned file descriptor, closed on destruction.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd();
-  Fd(Fd&& other) noexcept : fd_(other.release()) {}
-  Fd& operator=(Fd&& other) noexcept;
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  int release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 // Whether the kernel resolves paths with openat2 (Linux 5.6 and later).
 bool haveOpenat2();

@@ -10,6 +10,7 @@
 
 #include "log.h"
 #include "platform/dispatch/global_pool.h"
+#include "platform/values/utf8.h"
 
 namespace vantor::cachedir {
 
@@ -59,36 +60,17 @@ std::uint64_t askedAmount(const Value& info) {
 std::string busString(std::string_view path) {
   std::string out;
   out.reserve(path.size());
-  std::size_t i = 0;
-  while (i < path.size()) {
-    const auto c = static_cast<unsigned char>(path[i]);
-    const auto at = [&](std::size_t k) { return static_cast<unsigned char>(path[i + k]); };
-    std::size_t length = c < 0x80                 ? 1
-                         : c >= 0xc2 && c <= 0xdf ? 2
-                         : c >= 0xe0 && c <= 0xef ? 3
-                         : c >= 0xf0 && c <= 0xf4 ? 4
-                                                  : 0;
-    bool valid = length > 0 && i + length <= path.size();
-    for (std::size_t k = 1; valid && k < length; ++k)
-      valid = (at(k) & 0xc0) == 0x80;
-    // No overlong forms, surrogates or code points past U+10FFFF.
-    if (valid && length > 2) {
-      valid = !(c == 0xe0 && at(1) < 0xa0) && !(c == 0xed && at(1) >= 0xa0) &&
-              !(c == 0xf0 && at(1) < 0x90) && !(c == 0xf4 && at(1) >= 0x90);
-    }
-    if (!valid) {
+  forEachUtf8Unit(path, [&out](const Utf8Unit& unit) {
+    if (unit.malformed()) {
       char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(unit.bytes[0]));
       out += escaped;
-      ++i;
-    } else if (c == '\\') {
+    } else if (unit.codePoint == '\\') {
       out += "\\\\";
-      ++i;
     } else {
-      out.append(path, i, length);
-      i += length;
+      out += unit.bytes;
     }
-  }
+  });
   return out;
 }
 

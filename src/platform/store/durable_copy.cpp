@@ -1,12 +1,13 @@
 #include "platform/store/durable_copy.h"
 
-#include <cerrno>
 #include <cstring>
+
+#include "platform/files/write_file.h"
 
 namespace vantor {
 
 DurableCopy::DurableCopy(std::filesystem::path copyPath, std::chrono::milliseconds delay,
-                         StoreFiles& files)
+                         FileCalls& files)
     : path_(std::move(copyPath)), delay_(delay), files_(files) {}
 
 DurableCopy::~DurableCopy() {
@@ -61,48 +62,16 @@ void DurableCopy::run() {
 
 bool DurableCopy::writeNow(const std::vector<std::uint8_t>& bytes, std::string* error) {
   const std::string tmp = path_.string() + ".tmp";
-  const auto fail = [&](const std::string& step) {
-    const int err = errno;
-    if (error != nullptr)
-      *error = step + " " + tmp + ": " + std::strerror(err);
-    return false;
-  };
-  // The temporary file is never anything but a copy in the making, so it may
-  // be truncated and rewritten; the copy itself only ever changes by rename.
-  const int fd =
-      files_.open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0)
-    return fail("cannot open");
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = files_.write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0) {
-      if (n == 0)
-        errno = ENOSPC;
-      files_.close(fd);
-      return fail("cannot write");
-    }
-    done += static_cast<std::size_t>(n);
+  const auto failure = replaceFile(
+      path_, tmp, bytes, {.narrowedByUmask = true, .durability = Durability::kOnDisk}, files_);
+  if (!failure)
+    return true;
+  if (error != nullptr) {
+    const std::string step =
+        failure->step == ReplaceStep::kCreate ? "open" : describe(failure->step);
+    *error = "cannot " + step + " " + tmp + ": " + std::strerror(failure->error);
   }
-  if (files_.fdatasync(fd) != 0) {
-    files_.close(fd);
-    return fail("cannot flush");
-  }
-  if (files_.close(fd) != 0)
-    return fail("cannot close");
-  if (files_.rename(tmp.c_str(), path_.c_str()) != 0)
-    return fail("cannot rename");
-  const auto dir = path_.parent_path().empty() ? std::filesystem::path(".") : path_.parent_path();
-  const int dirFd = files_.open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-  if (dirFd < 0)
-    return fail("cannot open the directory of");
-  const bool synced = files_.fsync(dirFd) == 0;
-  files_.close(dirFd);
-  if (!synced)
-    return fail("cannot flush the directory of");
-  return true;
+  return false;
 }
 
 }  // namespace vantor

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/store/store_files.h"
+#include "platform/files/file_calls.h"
 
 namespace vantor {
 
@@ -28,7 +28,7 @@ class DurableCopy {
   using Bytes = std::shared_ptr<const std::vector<std::uint8_t>>;
 
   DurableCopy(std::filesystem::path copyPath, std::chrono::milliseconds delay,
-              StoreFiles& files = StoreFiles::system());
+              FileCalls& files = FileCalls::system());
   ~DurableCopy();  // writes what is pending, then stops the thread
   DurableCopy(const DurableCopy&) = delete;
   DurableCopy& operator=(const DurableCopy&) = delete;
@@ -52,7 +52,7 @@ class DurableCopy {
 
   const std::filesystem::path path_;
   const std::chrono::milliseconds delay_;
-  StoreFiles& files_;
+  FileCalls& files_;
   mutable std::mutex mutex_;
   std::condition_variable wake_;
   Bytes pending_;

@@ -17,6 +17,7 @@
 #include <xxhash.h>
 
 #include "platform/files/read_file.h"
+#include "platform/files/write_file.h"
 #include "platform/values/plist_io.h"
 
 namespace vantor {
@@ -119,13 +120,13 @@ std::optional<Value> SettingsStore::decode(const std::vector<std::uint8_t>& byte
   return std::move(*parsed.value);
 }
 
-SettingsStore::SettingsStore(std::filesystem::path path, StoreFiles& files)
+SettingsStore::SettingsStore(std::filesystem::path path, FileCalls& files)
     : path_(std::move(path)),
       files_(files),
       backup_(path_.string() + ".backup", kFlushDelay, files) {}
 
 std::unique_ptr<SettingsStore> SettingsStore::open(const std::filesystem::path& path,
-                                                   Diagnostics* diagnostics, StoreFiles& files) {
+                                                   Diagnostics* diagnostics, FileCalls& files) {
   std::error_code ec;
   const auto dir = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
   std::filesystem::create_directories(dir, ec);
@@ -340,22 +341,6 @@ std::string SettingsStore::nextPath() const {
   return path_.string() + ".next";
 }
 
-// Puts the new file `next` in the store's place. Exchanging the names and
-// then removing the old file is as atomic as renaming over it, but spares the
-// writeback that ext4 starts at once when a file is renamed over another; the
-// backup rounds do the flushing, for many writes together. A failure to
-// remove the old file is harmless: the next write clears it away.
-bool SettingsStore::replaceStoreWith(const std::string& next) const {
-  if (files_.exchange(next.c_str(), path_.c_str()) == 0) {
-    files_.unlink(next.c_str());
-    return true;
-  }
-  // No store file to exchange with yet, or a file system without exchange.
-  if (errno != ENOENT && errno != EINVAL && errno != ENOSYS)
-    return false;
-  return files_.rename(next.c_str(), path_.c_str()) == 0;
-}
-
 // Writes the contents into a new file and renames it over the store: no file
 // that is, or may still be on disk, the store is ever changed.
 bool SettingsStore::write(std::string* error) {
@@ -371,56 +356,18 @@ bool SettingsStore::write(std::string* error) {
 std::optional<SettingsStore::FileStamp> SettingsStore::writeFile(
     const std::vector<std::uint8_t>& bytes, std::string* error) const {
   const std::string next = nextPath();
-  const auto fail = [&](const std::string& what, int err) {
-    if (error != nullptr)
-      *error = errnoText("cannot write " + path_.string() + " (" + what + ")", err);
-    return std::optional<FileStamp>();
-  };
-  const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
-  int fd = files_.open(next.c_str(), flags, 0600);
-  if (fd < 0 && errno == EEXIST) {
-    // Left behind by a writer that was stopped half-way. It never was the
-    // store: only the rename below makes a file the store.
-    files_.unlink(next.c_str());
-    fd = files_.open(next.c_str(), flags, 0600);
-  }
-  if (fd < 0)
-    return fail("create " + next, errno);
-
   struct stat st {};
-  const char* step = nullptr;
-  std::size_t done = 0;
-  while (step == nullptr && done < bytes.size()) {
-    const ssize_t n = files_.write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0) {
-      if (n == 0)
-        errno = ENOSPC;
-      step = "write";
-    } else {
-      done += static_cast<std::size_t>(n);
-    }
+  // Not flushed here: the backup rounds do the flushing, for many writes
+  // together.
+  const auto failure = replaceFile(path_, next, bytes, {.mode = 0600}, files_, &st);
+  if (!failure)
+    return FileStamp::of(st);
+  if (error != nullptr) {
+    const std::string step =
+        failure->step == ReplaceStep::kCreate ? "create " + next : describe(failure->step);
+    *error = errnoText("cannot write " + path_.string() + " (" + step + ")", failure->error);
   }
-  if (step == nullptr && files_.fstat(fd, &st) != 0)
-    step = "stat";
-  // The mode asked for at creation may have been narrowed by the umask.
-  if (step == nullptr && (st.st_mode & 07777) != 0600 && files_.fchmod(fd, 0600) != 0)
-    step = "chmod";
-  int err = errno;
-  if (files_.close(fd) != 0 && step == nullptr) {
-    step = "close";
-    err = errno;
-  }
-  if (step == nullptr && !replaceStoreWith(next)) {
-    step = "rename";
-    err = errno;
-  }
-  if (step != nullptr) {
-    files_.unlink(next.c_str());
-    return fail(step, err);
-  }
-  return FileStamp::of(st);
+  return std::nullopt;
 }
 
 }  // namespace vantor

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/file_calls.h"
 #include "platform/store/durable_copy.h"
-#include "platform/store/store_files.h"
 #include "platform/values/value.h"
 
 namespace vantor {
@@ -51,7 +51,7 @@ class SettingsStore {
   // or written. `files` is the seam for the file operations of writes.
   static std::unique_ptr<SettingsStore> open(const std::filesystem::path& path,
                                              Diagnostics* diagnostics = nullptr,
-                                             StoreFiles& files = StoreFiles::system());
+                                             FileCalls& files = FileCalls::system());
 
   // The stored value under `key`, or null. Valid until the store changes.
   const Value* objectForKey(const std::string& key) const;
@@ -99,10 +99,9 @@ class SettingsStore {
   static std::optional<Value> decode(const std::vector<std::uint8_t>& bytes, std::string* reason);
 
  private:
-  SettingsStore(std::filesystem::path path, StoreFiles& files);
+  SettingsStore(std::filesystem::path path, FileCalls& files);
   bool load(std::string* error);
   bool write(std::string* error);
-  bool replaceStoreWith(const std::string& next) const;
   std::string nextPath() const;
 
   struct FileStamp {
@@ -122,7 +121,7 @@ class SettingsStore {
                                      std::string* error) const;
 
   std::filesystem::path path_;
-  StoreFiles& files_;
+  FileCalls& files_;
   // Always a dictionary; kept as a value so writing it needs no copy.
   Value contents_{Value::Dictionary{}};
   Value::Dictionary& contents() { return contents_.get<Value::Dictionary>(); }

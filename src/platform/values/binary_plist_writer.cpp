@@ -4,6 +4,8 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/values/utf8.h"
+
 namespace vantor {
 
 namespace {
@@ -46,44 +48,8 @@ bool isAscii(std::string_view text) {
 std::vector<char16_t> utf16(std::string_view text) {
   std::vector<char16_t> out;
   out.reserve(text.size());
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    int extra = 0;
-    char32_t cp = 0;
-    if (c < 0x80) {
-      cp = c;
-    } else if ((c & 0xE0) == 0xC0) {
-      extra = 1;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      extra = 2;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      extra = 3;
-      cp = c & 0x07;
-    } else {
-      out.push_back(0xFFFD);
-      ++i;
-      continue;
-    }
-    bool valid = true;
-    for (int k = 1; k <= extra; ++k) {
-      const std::size_t at = i + static_cast<std::size_t>(k);
-      const auto next = at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
-      if ((next & 0xC0) != 0x80) {
-        valid = false;
-        break;
-      }
-      cp = (cp << 6) | (next & 0x3F);
-    }
-    constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
-    if (!valid || cp < kMinimum[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-      out.push_back(0xFFFD);
-      ++i;
-      continue;
-    }
-    i += static_cast<std::size_t>(extra) + 1;
+  forEachUtf8Unit(text, [&out](const Utf8Unit& unit) {
+    char32_t cp = unit.malformed() ? 0xFFFD : unit.codePoint;
     if (cp >= 0x10000) {
       cp -= 0x10000;
       out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
@@ -91,7 +57,7 @@ std::vector<char16_t> utf16(std::string_view text) {
     } else {
       out.push_back(static_cast<char16_t>(cp));
     }
-  }
+  });
   return out;
 }
 

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "platform/values/binary_plist_writer.h"
+#include "platform/values/utf8.h"
 
 namespace vantor {
 namespace {
@@ -73,129 +74,161 @@ int xmlDepth(std::string_view text) {
 // Checks a binary property list's structure before libplist parses it:
 // the trailer, every object offset and reference in range, and container
 // nesting within the limit (which also catches reference cycles).
-bool checkBinary(std::span<const std::uint8_t> b, std::string* error) {
-  constexpr std::size_t kHeader = 8, kTrailer = 32;
-  if (b.size() < kHeader + kTrailer + 1) {
-    *error = "binary property list too short";
-    return false;
-  }
-  auto readBE = [&](std::size_t at, std::size_t n, std::uint64_t* out) {
-    if (n == 0 || n > 8 || at > b.size() || b.size() - at < n)
+class BinaryCheck {
+ public:
+  explicit BinaryCheck(std::span<const std::uint8_t> bytes) : b_(bytes) {}
+  bool passes(std::string* error) { return trailerIsSound(error) && objectsAreSound(error); }
+
+ private:
+  static constexpr std::size_t kHeader = 8, kTrailer = 32;
+
+  // The big-endian number of `n` bytes at `at`; false when out of range.
+  bool readBE(std::size_t at, std::size_t n, std::uint64_t* out) const {
+    if (n == 0 || n > 8 || at > b_.size() || b_.size() - at < n)
       return false;
     std::uint64_t v = 0;
     for (std::size_t k = 0; k < n; ++k)
-      v = (v << 8) | b[at + k];
+      v = (v << 8) | b_[at + k];
     *out = v;
     return true;
-  };
-  const std::size_t t = b.size() - kTrailer;
-  const std::size_t offsetSize = b[t + 6];
-  const std::size_t refSize = b[t + 7];
-  std::uint64_t numObjects = 0, top = 0, tableOffset = 0;
-  readBE(t + 8, 8, &numObjects);
-  readBE(t + 16, 8, &top);
-  readBE(t + 24, 8, &tableOffset);
-  if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8 || numObjects == 0 ||
-      top >= numObjects || tableOffset < kHeader || tableOffset > t ||
-      numObjects > (t - tableOffset) / offsetSize) {
-    *error = "binary property list has a damaged trailer";
-    return false;
   }
-  auto objectAt = [&](std::uint64_t ref, std::size_t* at) {
+
+  // The sizes, the object count, the top object and the offset table, all
+  // within the file.
+  bool trailerIsSound(std::string* error) {
+    if (b_.size() < kHeader + kTrailer + 1) {
+      *error = "binary property list too short";
+      return false;
+    }
+    const std::size_t t = b_.size() - kTrailer;
+    offsetSize_ = b_[t + 6];
+    refSize_ = b_[t + 7];
+    readBE(t + 8, 8, &numObjects_);
+    readBE(t + 16, 8, &top_);
+    readBE(t + 24, 8, &tableOffset_);
+    if (offsetSize_ < 1 || offsetSize_ > 8 || refSize_ < 1 || refSize_ > 8 || numObjects_ == 0 ||
+        top_ >= numObjects_ || tableOffset_ < kHeader || tableOffset_ > t ||
+        numObjects_ > (t - tableOffset_) / offsetSize_) {
+      *error = "binary property list has a damaged trailer";
+      return false;
+    }
+    return true;
+  }
+
+  // Where object `ref` starts, by the offset table; false when it lies
+  // outside the objects.
+  bool objectAt(std::uint64_t ref, std::size_t* at) const {
     std::uint64_t off = 0;
-    if (ref >= numObjects || !readBE(tableOffset + ref * offsetSize, offsetSize, &off) ||
-        off < kHeader || off >= tableOffset)
+    if (ref >= numObjects_ || !readBE(tableOffset_ + ref * offsetSize_, offsetSize_, &off) ||
+        off < kHeader || off >= tableOffset_)
       return false;
     *at = off;
     return true;
-  };
+  }
+
+  // The count of the sized object at `at` (in its marker, or in an integer
+  // after it when the marker holds 0xF) and where its contents start.
+  bool readCount(std::size_t at, std::uint64_t* count, std::size_t* contents) const {
+    *count = b_[at] & 0x0F;
+    *contents = at + 1;
+    if (*count != 0x0F)
+      return true;
+    if (*contents >= tableOffset_ || (b_[*contents] >> 4) != 0x1)
+      return false;
+    const std::size_t n = std::size_t{1} << (b_[*contents] & 0x3);
+    if (!readBE(*contents + 1, n, count))
+      return false;
+    *contents += 1 + n;
+    return true;
+  }
+
   // Dictionary keys (the first half of a dictionary's references) must be
   // strings without a NUL character: libplist aborts when it walks any other
   // key.
-  auto keyIsSound = [&](std::uint64_t ref) {
+  bool keyIsSound(std::uint64_t ref) const {
     std::size_t at = 0;
     if (!objectAt(ref, &at))
       return false;
-    const std::uint8_t kind = b[at] >> 4;
+    const std::uint8_t kind = b_[at] >> 4;
     if (kind != 0x5 && kind != 0x6)
       return false;
-    std::uint64_t length = b[at] & 0x0F;
-    std::size_t chars = at + 1;
-    if (length == 0x0F) {
-      if (chars >= tableOffset || (b[chars] >> 4) != 0x1)
-        return false;
-      const std::size_t n = std::size_t{1} << (b[chars] & 0x3);
-      if (!readBE(chars + 1, n, &length))
-        return false;
-      chars += 1 + n;
-    }
+    std::uint64_t length = 0;
+    std::size_t chars = 0;
+    if (!readCount(at, &length, &chars))
+      return false;
     const std::size_t unit = kind == 0x6 ? 2 : 1;
-    if (chars > tableOffset || length > (tableOffset - chars) / unit)
+    if (chars > tableOffset_ || length > (tableOffset_ - chars) / unit)
       return false;
     for (std::size_t c = 0; c < length; ++c) {
-      if (b[chars + c * unit] == 0 && b[chars + c * unit + unit - 1] == 0)
+      if (b_[chars + c * unit] == 0 && b_[chars + c * unit + unit - 1] == 0)
         return false;
     }
     return true;
-  };
-  struct Pending {
-    std::uint64_t ref;
-    int depth;
-  };
-  std::vector<Pending> stack{{top, 0}};
-  std::uint64_t visits = 0;
-  const std::uint64_t maxVisits = numObjects * 4 + 1024;
-  while (!stack.empty()) {
-    const auto [ref, depth] = stack.back();
-    stack.pop_back();
-    std::size_t at = 0;
-    if (!objectAt(ref, &at)) {
-      *error = "binary property list has a reference out of range";
-      return false;
-    }
-    if (++visits > maxVisits) {
-      *error = "binary property list shares too many objects";
-      return false;
-    }
-    const std::uint8_t marker = b[at];
-    const std::uint8_t kind = marker >> 4;
-    if (kind != 0xA && kind != 0xC && kind != 0xD)
-      continue;
-    if (depth + 1 > kMaxDepth) {
-      *error = "property list nested too deeply";
-      return false;
-    }
-    std::uint64_t count = marker & 0x0F;
-    std::size_t refs = at + 1;
-    if (count == 0x0F) {
-      if (refs >= tableOffset || (b[refs] >> 4) != 0x1) {
-        *error = "binary property list has a damaged count";
-        return false;
-      }
-      const std::size_t n = std::size_t{1} << (b[refs] & 0x3);
-      if (!readBE(refs + 1, n, &count)) {
-        *error = "binary property list has a damaged count";
-        return false;
-      }
-      refs += 1 + n;
-    }
-    const std::uint64_t total = kind == 0xD ? count * 2 : count;
-    if (count > numObjects * 2 || refs > tableOffset || total > (tableOffset - refs) / refSize) {
-      *error = "binary property list has a container larger than the file";
-      return false;
-    }
-    for (std::uint64_t k = 0; k < total; ++k) {
-      std::uint64_t child = 0;
-      readBE(refs + k * refSize, refSize, &child);
-      if (kind == 0xD && k < count && !keyIsSound(child)) {
-        *error = "binary property list has a dictionary key that is not a string";
-        return false;
-      }
-      stack.push_back({child, depth + 1});
-    }
   }
-  return true;
-}
+
+  // Walks the objects from the top one: every reference in range, every
+  // container within the file and the nesting limit, every dictionary key
+  // sound. Objects shared by many containers are walked once per container,
+  // up to a bound.
+  bool objectsAreSound(std::string* error) const {
+    struct Pending {
+      std::uint64_t ref;
+      int depth;
+    };
+    std::vector<Pending> stack{{top_, 0}};
+    std::uint64_t visits = 0;
+    const std::uint64_t maxVisits = numObjects_ * 4 + 1024;
+    while (!stack.empty()) {
+      const auto [ref, depth] = stack.back();
+      stack.pop_back();
+      std::size_t at = 0;
+      if (!objectAt(ref, &at)) {
+        *error = "binary property list has a reference out of range";
+        return false;
+      }
+      if (++visits > maxVisits) {
+        *error = "binary property list shares too many objects";
+        return false;
+      }
+      const std::uint8_t kind = b_[at] >> 4;
+      if (kind != 0xA && kind != 0xC && kind != 0xD)
+        continue;
+      if (depth + 1 > kMaxDepth) {
+        *error = "property list nested too deeply";
+        return false;
+      }
+      std::uint64_t count = 0;
+      std::size_t refs = 0;
+      if (!readCount(at, &count, &refs)) {
+        *error = "binary property list has a damaged count";
+        return false;
+      }
+      const std::uint64_t total = kind == 0xD ? count * 2 : count;
+      if (count > numObjects_ * 2 || refs > tableOffset_ ||
+          total > (tableOffset_ - refs) / refSize_) {
+        *error = "binary property list has a container larger than the file";
+        return false;
+      }
+      for (std::uint64_t k = 0; k < total; ++k) {
+        std::uint64_t child = 0;
+        readBE(refs + k * refSize_, refSize_, &child);
+        if (kind == 0xD && k < count && !keyIsSound(child)) {
+          *error = "binary property list has a dictionary key that is not a string";
+          return false;
+        }
+        stack.push_back({child, depth + 1});
+      }
+    }
+    return true;
+  }
+
+  std::span<const std::uint8_t> b_;
+  std::size_t offsetSize_ = 0;
+  std::size_t refSize_ = 0;
+  std::uint64_t numObjects_ = 0;
+  std::uint64_t top_ = 0;
+  std::uint64_t tableOffset_ = 0;
+};
 
 // One node on its own, written by libplist as XML or binary.
 std::string serialised(plist_t node, bool binary) {
@@ -222,30 +255,13 @@ std::string textOf(const char* s, std::size_t length) {
   const std::string_view text(s, s != nullptr ? strnlen(s, length) : 0);
   std::string out;
   out.reserve(text.size());
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    const int extra = c < 0x80             ? 0
-                      : (c & 0xE0) == 0xC0 ? 1
-                      : (c & 0xF0) == 0xE0 ? 2
-                      : (c & 0xF8) == 0xF0 ? 3
-                                           : -1;
-    char32_t cp = extra <= 0 ? c : c & (0x7F >> (extra + 1));
-    bool valid = extra >= 0 && i + static_cast<std::size_t>(extra) < text.size();
-    for (int k = 1; valid && k <= extra; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + static_cast<std::size_t>(k)]);
-      valid = (next & 0xC0) == 0x80;
-      cp = (cp << 6) | (next & 0x3F);
-    }
-    constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
-    if (!valid || cp < kMinimum[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+  forEachUtf8Unit(text, [&out](const Utf8Unit& unit) {
+    if (unit.malformed()) {
       out += "\xEF\xBF\xBD";
-      ++i;
-      continue;
+    } else {
+      out += unit.bytes;
     }
-    out.append(text, i, static_cast<std::size_t>(extra) + 1);
-    i += static_cast<std::size_t>(extra) + 1;
-  }
+  });
   return out;
 }
 
@@ -456,7 +472,7 @@ PlistParseResult parsePlist(std::span<const std::uint8_t> bytes) {
   const auto length = static_cast<std::uint32_t>(bytes.size());
   plist_t root = nullptr;
   if (plist_is_binary(data, length)) {
-    if (!checkBinary(bytes, &result.error))
+    if (!BinaryCheck(bytes).passes(&result.error))
       return result;
     plist_from_bin(data, length, &root);
   } else {

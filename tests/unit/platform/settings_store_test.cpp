@@ -134,33 +134,33 @@ TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverWasLeftBeside) {
 }
 
 // Makes one chosen file operation fail: `failAt` counts calls of `op` from 1.
-class FaultyFiles : public StoreFiles {
+class FaultyFiles : public FileCalls {
  public:
   enum class Op { kOpen, kWrite, kShortWrite, kFdatasync, kClose, kRename };
   FaultyFiles(Op op, int err, int failAt = 1) : op_(op), err_(err), failAt_(failAt) {}
 
   int open(const char* path, int flags, mode_t mode) override {
-    return fails(Op::kOpen) ? -1 : StoreFiles::open(path, flags, mode);
+    return fails(Op::kOpen) ? -1 : FileCalls::open(path, flags, mode);
   }
   ssize_t write(int fd, const void* data, std::size_t size) override {
     if (op_ == Op::kShortWrite && size > 1 && !shortened_) {
       shortened_ = true;  // half goes to disk, the rest finds the disk full
-      return StoreFiles::write(fd, data, size / 2);
+      return FileCalls::write(fd, data, size / 2);
     }
     return fails(op_ == Op::kShortWrite ? Op::kShortWrite : Op::kWrite)
                ? -1
-               : StoreFiles::write(fd, data, size);
+               : FileCalls::write(fd, data, size);
   }
-  int fdatasync(int fd) override { return fails(Op::kFdatasync) ? -1 : StoreFiles::fdatasync(fd); }
+  int fdatasync(int fd) override { return fails(Op::kFdatasync) ? -1 : FileCalls::fdatasync(fd); }
   int close(int fd) override {
-    const int result = StoreFiles::close(fd);
+    const int result = FileCalls::close(fd);
     return fails(Op::kClose) ? -1 : result;
   }
   int rename(const char* from, const char* to) override {
-    return fails(Op::kRename) ? -1 : StoreFiles::rename(from, to);
+    return fails(Op::kRename) ? -1 : FileCalls::rename(from, to);
   }
   int exchange(const char* a, const char* b) override {
-    return fails(Op::kRename) ? -1 : StoreFiles::exchange(a, b);
+    return fails(Op::kRename) ? -1 : FileCalls::exchange(a, b);
   }
 
  private:

@@ -10,12 +10,12 @@
 
 namespace vantor {
 
-// The file operations the settings store makes while writing, behind one seam
-// so tests can make any step fail (an error, a short write, a full disk). Each
-// member does what the system call of its name does and reports the same way.
-class StoreFiles {
+// The file operations made while writing files, behind one seam so tests can
+// make any step fail (an error, a short write, a full disk). Each member does
+// what the system call of its name does and reports the same way.
+class FileCalls {
  public:
-  virtual ~StoreFiles() = default;
+  virtual ~FileCalls() = default;
 
   virtual int open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
   virtual ssize_t write(int fd, const void* data, std::size_t size) {
@@ -34,9 +34,9 @@ class StoreFiles {
   virtual int unlink(const char* path) { return ::unlink(path); }
 
   // The operations of the system itself.
-  static StoreFiles& system() {
-    static StoreFiles files;
-    return files;
+  static FileCalls& system() {
+    static FileCalls calls;
+    return calls;
   }
 };
 
