@@ -278,24 +278,15 @@ double average(const std::vector<Resources>& samples, std::size_t from, std::siz
   return to > from ? sum / static_cast<double>(to - from) : 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  const int duration = argc > 1 ? std::atoi(argv[1]) : 60;
-  const double rate = argc > 2 ? std::atof(argv[2]) : 30.0;
-  if (duration < 2 || rate < 0) {
-    std::fprintf(stderr, "usage: load_bench [DURATION-SECONDS >= 2 [RATE >= 0]]\n");
-    return 2;
-  }
-  vantor::testkit::DaemonHarness ctx;
+// Grants this user every entitlement the load needs, starts vantord and the
+// services, and waits until every service has checked in; false (with the
+// logs dumped) when one did not.
+bool setUp(vantor::testkit::DaemonHarness& ctx, Services& services) {
   ctx.grantUser("bench.plist", ::getuid(),
                 {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT",
                  "ITEMIZED_PURGEABLE_ENTITLEMENT", "PURGE_ENTITLEMENT"});
   if (!ctx.startDaemon({{"VANTOR_LOG_LEVEL", "3"}}))
-    return 1;
-  const pid_t daemon = ctx.daemon().pid();
-
-  Services services(ctx);
+    return false;
   std::vector<std::filesystem::path> logs;
   for (int i = 0; i < kServices; ++i)
     logs.push_back(services.start(i));
@@ -303,22 +294,34 @@ int main(int argc, char** argv) {
     if (!services.checkedIn(log, seconds(60))) {
       std::fprintf(stderr, "a service did not check in: %s\n", log.c_str());
       ctx.dumpLogs();
-      return 1;
+      return false;
     }
   }
-  std::printf(
-      "%d services (%d answer after 200 ms, %d never, %d restarted in turn every 0.5 s), %d "
-      "clients, %d s; state clients at %.0f calls/s each (0: back to back)\n",
-      kServices, kSlow, kSilent, kRestarted, kClients, duration, rate);
-  std::fflush(stdout);
+  return true;
+}
 
+// What the load phase saw.
+struct LoadResults {
+  std::vector<ClientResults> clients;
+  std::array<std::vector<Sample>, kProbes> pings;
+  std::vector<Resources> resources;  // of the daemon, kSamplesPerSecond a second
+  std::vector<double> checkins;      // of the restarted services, in ms
+  int lostRestarts = 0;
+  double elapsed = 0;  // seconds until the last call was answered
+};
+
+// The clients, the pinger, the restarts of services and the sampling of the
+// daemon's resources, all for `duration` seconds.
+LoadResults runLoad(vantor::testkit::DaemonHarness& ctx, Services& services, int duration,
+                    double rate) {
+  const pid_t daemon = ctx.daemon().pid();
+  LoadResults out;
+  out.clients.resize(kClients);
   std::vector<std::unique_ptr<Caller>> callers;
   for (int i = 0; i <= kClients; ++i)  // the last one pings
     callers.push_back(std::make_unique<Caller>(ctx.busAddress()));
   const auto start = Clock::now();
   const auto end = start + seconds(duration);
-  std::vector<double> checkins;  // of the restarted services
-  int lostRestarts = 0;
   std::thread restarter([&] {
     auto next = Clock::now();
     for (int turn = 0; Clock::now() < end; ++turn) {
@@ -326,36 +329,37 @@ int main(int argc, char** argv) {
       std::this_thread::sleep_until(next);
       const double ms = services.restart(kServices - kRestarted + turn % kRestarted);
       if (ms < 0)
-        ++lostRestarts;
+        ++out.lostRestarts;
       else
-        checkins.push_back(ms);
+        out.checkins.push_back(ms);
     }
   });
-  std::vector<Resources> resources;
   std::thread sampler([&] {
     auto next = Clock::now();
     // Over the clients' time only: the last long calls finish after it, with
     // the state clients already gone.
     while (Clock::now() < end) {
-      resources.push_back(sampleOf(daemon));
+      out.resources.push_back(sampleOf(daemon));
       next += milliseconds(1000 / kSamplesPerSecond);
       std::this_thread::sleep_until(next);
     }
   });
-  std::array<std::vector<Sample>, kProbes> pings;
-  std::thread pinger(runPings, std::ref(*callers[kClients]), start, end, std::ref(pings));
-  std::vector<ClientResults> results(kClients);
+  std::thread pinger(runPings, std::ref(*callers[kClients]), start, end, std::ref(out.pings));
   std::vector<std::thread> clients;
   for (int i = 0; i < kClients; ++i)
     clients.emplace_back(runClient, i, std::ref(*callers[i]), rate, start, end,
-                         std::ref(results[i]));
+                         std::ref(out.clients[i]));
   for (auto& client : clients)
     client.join();
   pinger.join();
-  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  out.elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   sampler.join();
   restarter.join();
+  return out;
+}
 
+// Per method: the calls, their latency and errors; then the errors by name.
+void reportCalls(const LoadResults& load, int duration) {
   long total = 0;
   std::printf("\n%-30s %8s %9s %9s %9s %8s\n", "method", "calls", "p50 ms", "p99 ms", "max ms",
               "errors");
@@ -363,7 +367,7 @@ int main(int argc, char** argv) {
   for (int m = 0; m < kMethods; ++m) {
     std::vector<double> ms;
     long errors = 0;
-    for (const auto& r : results) {
+    for (const auto& r : load.clients) {
       for (const auto& s : r.samples[m])
         ms.push_back(s.ms);
       for (const auto& [name, n] : r.errors[m]) {
@@ -376,15 +380,21 @@ int main(int argc, char** argv) {
                 percentile(ms, 0.5), percentile(ms, 0.99), percentile(ms, 1.0), errors);
   }
   std::printf("%ld calls, %.0f a second over the %d s of load (the last answered at %.1f s)\n",
-              total, static_cast<double>(total) / duration, duration, elapsed);
+              total, static_cast<double>(total) / duration, duration, load.elapsed);
   std::printf("\nerrors by D-Bus error name:%s\n", errorsByName.empty() ? " none" : "");
   for (const auto& [name, n] : errorsByName)
     std::printf("  %-70s %8ld\n", name.c_str(), n);
+}
 
+// The restarted services' check-ins, and the daemon's resources in the first
+// half of the run against the second.
+void reportServicesAndResources(const LoadResults& load) {
+  const auto& resources = load.resources;
   std::printf(
       "\nservices restarted: %zu checked in again, p50 %.0f ms, max %.0f ms (start to "
       "check-in); %d not within 30 s\n",
-      checkins.size(), percentile(checkins, 0.5), percentile(checkins, 1.0), lostRestarts);
+      load.checkins.size(), percentile(load.checkins, 0.5), percentile(load.checkins, 1.0),
+      load.lostRestarts);
   const std::size_t half = resources.size() / 2;
   std::printf("daemon, sampled %d times a second (%zu)   first half   second half   change\n",
               kSamplesPerSecond, resources.size());
@@ -398,7 +408,12 @@ int main(int argc, char** argv) {
     std::printf("  %-43s %10.1f %13.1f %+8.1f %%\n", label, first, second,
                 first > 0 ? 100.0 * (second - first) / first : 0.0);
   }
+}
 
+// Per 10-second window: ClientGetState's p99 beside the pings' and the
+// wake-ups', and the daemon's resources at the window's end.
+void reportWindows(const LoadResults& load, int duration) {
+  const auto& resources = load.resources;
   std::printf(
       "\nper 10 s window   ClientGetState calls   p99 ms   ping p99 ms: bus daemon  vantord   "
       "wake-up p99 ms   "
@@ -408,7 +423,7 @@ int main(int argc, char** argv) {
       return s.at >= static_cast<float>(window * 10) && s.at < static_cast<float>(window * 10 + 10);
     };
     std::vector<double> ms;
-    for (const auto& r : results) {
+    for (const auto& r : load.clients) {
       for (const auto& s : r.samples[kGet]) {
         if (inWindow(s))
           ms.push_back(s.ms);
@@ -416,7 +431,7 @@ int main(int argc, char** argv) {
     }
     std::array<std::vector<double>, kProbes> pingMs;
     for (int t = 0; t < kProbes; ++t) {
-      for (const auto& s : pings[t]) {
+      for (const auto& s : load.pings[t]) {
         if (inWindow(s))
           pingMs[t].push_back(s.ms);
       }
@@ -432,10 +447,36 @@ int main(int argc, char** argv) {
                 percentile(pingMs[kBusDaemon], 0.99), percentile(pingMs[kVantord], 0.99),
                 percentile(pingMs[kWakeUp], 0.99), at.threads, at.descriptors, at.rssMiB);
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int duration = argc > 1 ? std::atoi(argv[1]) : 60;
+  const double rate = argc > 2 ? std::atof(argv[2]) : 30.0;
+  if (duration < 2 || rate < 0) {
+    std::fprintf(stderr, "usage: load_bench [DURATION-SECONDS >= 2 [RATE >= 0]]\n");
+    return 2;
+  }
+  vantor::testkit::DaemonHarness ctx;
+  Services services(ctx);
+  if (!setUp(ctx, services))
+    return 1;
+  std::printf(
+      "%d services (%d answer after 200 ms, %d never, %d restarted in turn every 0.5 s), %d "
+      "clients, %d s; state clients at %.0f calls/s each (0: back to back)\n",
+      kServices, kSlow, kSilent, kRestarted, kClients, duration, rate);
+  std::fflush(stdout);
+
+  const LoadResults load = runLoad(ctx, services, duration, rate);
+  reportCalls(load, duration);
+  reportServicesAndResources(load);
+  reportWindows(load, duration);
+
   // Idle pool threads retire after two seconds: what is left 10 s after the
   // last call is kept for good.
   std::this_thread::sleep_for(seconds(10));
-  const Resources idle = sampleOf(daemon);
+  const Resources idle = sampleOf(ctx.daemon().pid());
   std::printf("daemon 10 s after the last call: threads %.0f, fds %.0f, RSS %.1f MiB\n",
               idle.threads, idle.descriptors, idle.rssMiB);
   const bool alive = !ctx.daemon().waitExit(milliseconds(0)).has_value();

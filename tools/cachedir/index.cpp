@@ -164,9 +164,11 @@ Fd Scanner::openRoot(const DirPolicy& policy) {
   return root;
 }
 
-std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, Fd root,
-                                         const std::atomic<bool>& stop, const Nested& nested,
-                                         const RootIndex* previous) {
+namespace {
+
+// A fresh index of `root`, the directory of `policy`, holding the root
+// directory alone; null when `root` cannot be read. `previous` sizes its lists.
+std::shared_ptr<RootIndex> startIndex(const DirPolicy& policy, Fd root, const RootIndex* previous) {
   auto index = std::make_shared<RootIndex>();
   index->policy = policy;
   index->root = std::move(root);
@@ -181,13 +183,80 @@ std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, Fd root,
     index->files.reserve(previous->files.size() + previous->files.size() / 16);
     index->names.reserve(previous->names.size() + previous->names.size() / 16);
   }
-  const auto addName = [&index](const char* name) {
-    const auto offset = static_cast<std::uint32_t>(index->names.size());
-    index->names.append(name);
-    index->names.push_back('\0');
-    return offset;
-  };
+  return index;
+}
 
+std::uint32_t addName(RootIndex& index, const char* name) {
+  const auto offset = static_cast<std::uint32_t>(index.names.size());
+  index.names.append(name);
+  index.names.push_back('\0');
+  return offset;
+}
+
+// Lists the directory `name` of the directory of `frame` and pushes it on
+// the walk, unless it is too deep, no longer a directory on the same mount, or
+// another cache directory.
+void enterDirectory(RootIndex& index, Walk& walk, const Frame& frame, const char* name,
+                    const Scanner::Nested& nested) {
+  if (frame.depth + 1 > Scanner::kMaxDepth || index.dirs.size() >= UINT32_MAX ||
+      index.names.size() > kMaxNameBytes) {
+    index.complete = false;
+    return;
+  }
+  // Mount points (EXDEV) and names turned into symbolic links (ELOOP,
+  // ENOTDIR) are simply not entered.
+  Fd sub = openDirectoryBelow(::dirfd(frame.dir), name, index.dev);
+  struct stat st;
+  if (!sub.valid() || ::fstat(sub.get(), &st) != 0 ||
+      nested.roots.count({st.st_dev, st.st_ino}) != 0)
+    return;
+  if (!nested.paths.empty()) {
+    std::string relative = index.relativePath(frame.index);
+    relative += relative.empty() ? "" : "/";
+    if (nested.paths.count(relative + name) != 0)
+      return;
+  }
+  const auto position = static_cast<std::uint32_t>(index.dirs.size());
+  index.dirs.push_back({frame.index, addName(index, name), st.st_ino});
+  if (!walk.push(std::move(sub), position, frame.depth + 1))
+    index.complete = false;
+}
+
+// Counts the regular file `entry` of the directory of `frame` and lists it
+// when it may ever be deleted. `statted` is its status when the walk already
+// took it.
+void addFile(RootIndex& index, const Frame& frame, const struct dirent& entry, AsideKind aside,
+             const struct stat* statted) {
+  const char* name = entry.d_name;
+  struct stat st;
+  if (statted != nullptr)
+    st = *statted;
+  // A file mounted over a name is not this directory's.
+  else if (!statOnMount(::dirfd(frame.dir), name, index.mount, entry.d_ino, &st))
+    return;
+  // A file with another link frees nothing when this name goes.
+  if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
+    return;
+  index.totalBytes += static_cast<std::uint64_t>(st.st_blocks) * 512;
+  // A leftover was taken by an earlier purge for deletion, so its name
+  // once matched; the other checks still hold when it goes.
+  const DirPolicy& policy = index.policy;
+  if (std::strcmp(name, kTagName) == 0 || (aside == AsideKind::kNone && !policy.matches(name)) ||
+      (policy.owner && st.st_uid != *policy.owner) || index.names.size() > kMaxNameBytes ||
+      index.files.size() >= UINT32_MAX)
+    return;
+  index.files.push_back(
+      {frame.index, addName(index, name), saturate32(lastUse(st)), saturate32(st.st_blocks)});
+}
+
+}  // namespace
+
+std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, Fd root,
+                                         const std::atomic<bool>& stop, const Nested& nested,
+                                         const RootIndex* previous) {
+  auto index = startIndex(policy, std::move(root), previous);
+  if (!index)
+    return nullptr;
   Walk walk;
   if (!walk.push(Fd(::fcntl(index->root.get(), F_DUPFD_CLOEXEC, 0)), 0, 0))
     return nullptr;
@@ -208,56 +277,19 @@ std::shared_ptr<RootIndex> Scanner::scan(const DirPolicy& policy, Fd root,
     // A file of ours under an aside name is being removed this moment.
     if (isDotOrDotDot(name) || aside == AsideKind::kOurs)
       continue;
-    const int dirfd = ::dirfd(frame.dir);
     unsigned char type = entry->d_type;
-    bool statted = false;
+    struct stat st;
+    const struct stat* statted = nullptr;
     if (type == DT_UNKNOWN) {
-      if (!statOnMount(dirfd, name, index->mount, entry->d_ino, &st))
+      if (!statOnMount(::dirfd(frame.dir), name, index->mount, entry->d_ino, &st))
         continue;
-      statted = true;
+      statted = &st;
       type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
     }
-    if (type == DT_DIR) {
-      if (frame.depth + 1 > kMaxDepth || index->dirs.size() >= UINT32_MAX ||
-          index->names.size() > kMaxNameBytes) {
-        index->complete = false;
-        continue;
-      }
-      // Mount points (EXDEV) and names turned into symbolic links (ELOOP,
-      // ENOTDIR) are simply not entered.
-      Fd sub = openDirectoryBelow(dirfd, name, index->dev);
-      if (!sub.valid() || ::fstat(sub.get(), &st) != 0 ||
-          nested.roots.count({st.st_dev, st.st_ino}) != 0)
-        continue;
-      if (!nested.paths.empty()) {
-        std::string relative = index->relativePath(frame.index);
-        relative += relative.empty() ? "" : "/";
-        if (nested.paths.count(relative + name) != 0)
-          continue;
-      }
-      const auto position = static_cast<std::uint32_t>(index->dirs.size());
-      index->dirs.push_back({frame.index, addName(name), st.st_ino});
-      if (!walk.push(std::move(sub), position, frame.depth + 1))
-        index->complete = false;
-      continue;
-    }
-    if (type != DT_REG)
-      continue;
-    // A file mounted over a name is not this directory's.
-    if (!statted && !statOnMount(dirfd, name, index->mount, entry->d_ino, &st))
-      continue;
-    // A file with another link frees nothing when this name goes.
-    if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
-      continue;
-    index->totalBytes += static_cast<std::uint64_t>(st.st_blocks) * 512;
-    // A leftover was taken by an earlier purge for deletion, so its name
-    // once matched; the other checks still hold when it goes.
-    if (std::strcmp(name, kTagName) == 0 || (aside == AsideKind::kNone && !policy.matches(name)) ||
-        (policy.owner && st.st_uid != *policy.owner) || index->names.size() > kMaxNameBytes ||
-        index->files.size() >= UINT32_MAX)
-      continue;
-    index->files.push_back(
-        {frame.index, addName(name), saturate32(lastUse(st)), saturate32(st.st_blocks)});
+    if (type == DT_DIR)
+      enterDirectory(*index, walk, frame, name, nested);
+    else if (type == DT_REG)
+      addFile(*index, frame, *entry, aside, statted);
   }
   index->sortAndSum();
   return index;

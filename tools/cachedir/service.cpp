@@ -93,7 +93,6 @@ CacheDirService::CacheDirService(std::function<Config()> load, std::string where
                                  std::chrono::seconds scanInterval)
     : load_(std::move(load)), where_(std::move(where)), scanInterval_(scanInterval) {
   scanner_ = std::thread([this] { scanLoop(); });
-  worker_ = std::thread([this] { workLoop(); });
 }
 
 CacheDirService::~CacheDirService() {
@@ -110,19 +109,17 @@ void CacheDirService::stop() {
   stopFlag_.store(true);
   changed_.notify_all();
   scanner_.join();
-  worker_.join();
   // Whoever still waits gets an answer, as the protocol wants exactly one:
-  // jobs never run answer that they freed nothing, rescans with nothing.
+  // the job under way stops between two files, the jobs queued behind it find
+  // the service stopping and answer that they freed nothing, and rescans
+  // answer with nothing.
+  jobs_->sync([] {});
   std::vector<PendingReply> pending;
-  std::deque<std::function<void()>> left;
   {
     std::lock_guard lock(mutex_);
     stopped_ = true;
     pending.swap(pending_);
-    left.swap(jobs_);
   }
-  for (auto& job : left)
-    runGuarded(job, "a job");
   const Snapshot none;
   for (PendingReply& p : pending) {
     if (!p.answered->exchange(true))
@@ -290,30 +287,14 @@ std::shared_ptr<CacheDirService::Snapshot> CacheDirService::scanAll(
   return snapshot;
 }
 
-void CacheDirService::workLoop() {
-  std::unique_lock lock(mutex_);
-  while (true) {
-    changed_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-    if (stopping_)
-      return;
-    std::function<void()> job = std::move(jobs_.front());
-    jobs_.pop_front();
-    lock.unlock();
-    runGuarded(job, "a job");
-    // What the job captured, its reply among them, goes before the lock is
-    // taken again: releasing a reply may wait for the bus thread, which may
-    // be waiting for this lock to queue the next job.
-    job = nullptr;
-    lock.lock();
-  }
-}
-
 void CacheDirService::enqueue(std::function<void()> job) {
   {
     std::lock_guard lock(mutex_);
     if (!stopping_) {
-      jobs_.push_back(std::move(job));
-      changed_.notify_all();
+      // What the job captured, its reply among them, is released by the
+      // queue with no lock of ours held: releasing a reply may wait for the
+      // bus thread, which may be waiting for `mutex_` to queue the next job.
+      jobs_->async([job = std::move(job)] { runGuarded(job, "a job"); });
       return;
     }
   }

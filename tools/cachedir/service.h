@@ -3,15 +3,14 @@
 // vantor-cachedir's answers to vantord. A background thread scans the
 // configured cache directories and publishes an immutable snapshot of their
 // indexes; purgeable answers read the latest snapshot and never wait for a
-// scan in progress. Purges and daily runs go one at a time on a worker
-// thread, so the bus thread is never held. A cancel stops every purge that
-// arrived before it, between two files.
+// scan in progress. Purges and daily runs go one at a time, in the order they
+// arrived, on a serial queue of the platform's, so the bus thread is never
+// held. A cancel stops every purge that arrived before it, between two files.
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -22,6 +21,7 @@
 #include <vector>
 
 #include "index.h"
+#include "platform/dispatch/queue.h"
 #include "purger.h"
 #include "trash.h"
 #include "vantor_service_kit.h"
@@ -41,11 +41,11 @@ class CacheDirService final : public kit::Service,
                   std::chrono::seconds scanInterval);
   ~CacheDirService() override;
 
-  // Stops the scan and work threads, a purge under way between two files,
-  // and answers every call still waiting; calls that come later are answered
-  // at once. To be called while the bus connection is still up, so that no
-  // answer is left to go through a connection that is gone. The destructor
-  // calls it too.
+  // Stops the scan thread and a purge under way, between two files; the jobs
+  // still queued then answer that they freed nothing, and every call still
+  // waiting is answered. Calls that come later are answered at once. To be
+  // called while the bus connection is still up, so that no answer is left to
+  // go through a connection that is gone. The destructor calls it too.
   void stop();
 
   // Re-reads the configuration, then rescans.
@@ -99,10 +99,10 @@ class CacheDirService final : public kit::Service,
   };
 
   void scanLoop();
-  void workLoop();
+  // Queues `job` behind the others; runs it at once when the service stops.
   void enqueue(std::function<void()> job);
-  // Runs `job`, logging what it throws: nothing on a worker thread ends the
-  // process.
+  // Runs `job`, logging what it throws: nothing on a thread of the service
+  // ends the process.
   static void runGuarded(const std::function<void()>& job, const char* what);
   std::uint64_t requestScan();
   std::shared_ptr<Snapshot> scanAll(const std::vector<DirPolicy>& policies,
@@ -134,14 +134,15 @@ class CacheDirService final : public kit::Service,
   std::uint64_t completed_ = 0;
   std::shared_ptr<const Snapshot> snapshot_;
   std::vector<PendingReply> pending_;
-  std::deque<std::function<void()>> jobs_;
   std::atomic<std::uint64_t> cancelGeneration_{0};
   std::map<std::string, std::shared_ptr<std::atomic<std::uint64_t>>> sourceCancels_;
   std::vector<std::string> sources_;  // named by the configuration last read
   std::atomic<bool> stopFlag_{false};
 
   std::thread scanner_;
-  std::thread worker_;
+  // Purges and daily runs, one at a time. Queued only while `stopping_` is
+  // false, under `mutex_`, so that stop() knows the last of them.
+  const dispatch::QueuePtr jobs_ = dispatch::SerialQueue::create("cachedir.jobs");
 };
 
 }  // namespace vantor::cachedir

@@ -2,7 +2,6 @@
 
 #include <time.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <string_view>
@@ -44,25 +43,6 @@ std::string dateText(const Value* value) {
 
 std::string bytesOf(const Value* value) {
   return value != nullptr ? amountText(*value) : "?";
-}
-
-// Rows of cells, each column as wide as its widest cell.
-void printTable(const std::vector<std::vector<std::string>>& rows) {
-  std::vector<std::size_t> widths;
-  for (const auto& row : rows) {
-    widths.resize(std::max(widths.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i)
-      widths[i] = std::max(widths[i], row[i].size());
-  }
-  for (const auto& row : rows) {
-    std::string line;
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      line += row[i];
-      if (i + 1 < row.size())
-        line += std::string(widths[i] - row[i].size() + 2, ' ');
-    }
-    std::printf("%s\n", line.c_str());
-  }
 }
 
 // A sample value as the Prometheus text format writes floats.
@@ -126,14 +106,14 @@ int runServices(const std::optional<std::string>& bus, bool json) {
     Value::Dictionary out;
     for (const auto& [id, fields] : services)
       out.emplace(id, Value(fields));
-    std::printf("%s\n", toJson(Value(out)).c_str());
+    printJson(Value(out));
     return 0;
   }
   if (services.empty()) {
     std::printf("vantord knows no service.\n");
     return 0;
   }
-  std::vector<std::vector<std::string>> rows{
+  std::vector<TableRow> rows{
       {"SERVICE", "ORIGIN", "DOES", "NOTIFICATIONS", "IN FLIGHT", "OPTED OUT"}};
   for (const auto& [id, fields] : services) {
     const Value entry(fields);
@@ -160,7 +140,7 @@ int runServices(const std::optional<std::string>& bus, bool json) {
 int runHistory(const std::optional<std::string>& bus, bool json) {
   const Value::Array purges = DaemonClient(bus).purgeHistory();
   if (json) {
-    std::printf("%s\n", toJson(Value(purges)).c_str());
+    printJson(Value(purges));
     return 0;
   }
   if (purges.empty()) {
@@ -201,11 +181,11 @@ int runStats(const std::optional<std::string>& bus, bool json, bool prometheus) 
   if (prometheus) {
     printPrometheus(statistics);
   } else if (json) {
-    std::printf("%s\n", toJson(Value(statistics)).c_str());
+    printJson(Value(statistics));
   } else if (statistics.empty()) {
     std::printf("No statistic recorded yet.\n");
   } else {
-    std::vector<std::vector<std::string>> rows{{"STATISTIC", "COUNT", "SUM", "MIN", "MAX", "LAST"}};
+    std::vector<TableRow> rows{{"STATISTIC", "COUNT", "SUM", "MIN", "MAX", "LAST"}};
     for (const auto& [name, summary] : statistics) {
       std::vector<std::string> row{name};
       for (const char* field : {"count", "sum", "min", "max", "last"}) {

@@ -1,5 +1,6 @@
 #include "format.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <iterator>
 
@@ -32,6 +33,38 @@ std::string amountText(const Value& amount) {
     return formatBytes(static_cast<std::uint64_t>(n));
   }
   return amount.description();
+}
+
+std::vector<std::size_t> columnWidths(const std::vector<TableRow>& rows) {
+  std::vector<std::size_t> widths;
+  for (const auto& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], row[i].size());
+  }
+  return widths;
+}
+
+void printRow(const TableRow& row, const std::vector<std::size_t>& widths,
+              const std::vector<Align>& align) {
+  std::string line;
+  for (std::size_t i = 0; i < row.size(); ++i) {
+    const std::size_t padding = widths[i] - std::min(widths[i], row[i].size());
+    const bool last = i + 1 == row.size();
+    if (i > 0)
+      line += "  ";
+    if (i < align.size() && align[i] == Align::kRight)
+      line += std::string(padding, ' ') + row[i];
+    else
+      line += last ? row[i] : row[i] + std::string(padding, ' ');
+  }
+  std::printf("%s\n", line.c_str());
+}
+
+void printTable(const std::vector<TableRow>& rows, const std::vector<Align>& align) {
+  const std::vector<std::size_t> widths = columnWidths(rows);
+  for (const auto& row : rows)
+    printRow(row, widths, align);
 }
 
 }  // namespace vantor::ctl

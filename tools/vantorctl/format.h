@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/values/value.h"
 
@@ -14,5 +16,17 @@ std::string formatBytes(std::uint64_t bytes);
 // A byte amount of any numeric type, negative ones with a sign; anything
 // else in vantord's notation.
 std::string amountText(const Value& amount);
+
+// Tables on stdout: cells two spaces apart, each column as wide as its widest
+// cell. A cell is padded on the side its column's alignment says (left
+// alignment when the row gives none); a last cell aligned left is not padded,
+// so no line ends in spaces.
+enum class Align { kLeft, kRight };
+using TableRow = std::vector<std::string>;
+
+std::vector<std::size_t> columnWidths(const std::vector<TableRow>& rows);
+void printRow(const TableRow& row, const std::vector<std::size_t>& widths,
+              const std::vector<Align>& align = {});
+void printTable(const std::vector<TableRow>& rows, const std::vector<Align>& align = {});
 
 }  // namespace vantor::ctl

@@ -97,4 +97,8 @@ std::string toJson(const Value& value) {
   return toNode(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+void printJson(const Value& value) {
+  std::printf("%s\n", toJson(value).c_str());
+}
+
 }  // namespace vantor::ctl

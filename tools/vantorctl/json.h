@@ -12,4 +12,7 @@ namespace vantor::ctl {
 // and a date an ISO 8601 string in UTC with microseconds.
 std::string toJson(const Value& value);
 
+// Prints toJson(value) and a line feed on stdout.
+void printJson(const Value& value);
+
 }  // namespace vantor::ctl

@@ -11,8 +11,13 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "client.h"
 #include "format.h"
+#include "json.h"
+#include "volume.h"
 
 namespace vantor::ctl {
 
@@ -65,8 +70,9 @@ std::uint64_t amountOf(const Value::Dictionary& result, const char* key) {
   return it != result.end() ? it->second.uint64Value() : 0;
 }
 
-}  // namespace
-
+// A purge's outcome for a person: asked, freed (measured on the volume),
+// reported by the services, free space before and after, and whether services
+// were still working when vantord answered.
 void printPurgeResult(std::uint64_t asked, const Value::Dictionary& result) {
   const std::uint64_t freed = amountOf(result, "VANTOR_AMOUNT");
   const std::uint64_t reported = amountOf(result, "VANTOR_AMOUNT_REPORTED");
@@ -86,6 +92,85 @@ void printPurgeResult(std::uint64_t asked, const Value::Dictionary& result) {
   std::printf("Free after          %s\n", formatBytes(after).c_str());
   std::printf("Services finished   %s\n",
               complete ? "yes" : "no, some were still working when vantord answered");
+}
+
+// One line per service, then the total, sizes right-aligned, then the volume.
+void printPurgeable(const Value::Dictionary& answer) {
+  std::vector<TableRow> rows;
+  for (const auto& [id, amount] : answer) {
+    if (id != "VANTOR_VOLUME" && id != "VANTOR_TOTAL_AVAILABLE")
+      rows.push_back({id, amountText(amount)});
+  }
+  if (rows.empty())
+    std::printf("No service offers space on this volume.\n");
+  const auto total = answer.find("VANTOR_TOTAL_AVAILABLE");
+  rows.push_back({"Total", total != answer.end() ? amountText(total->second) : "?"});
+  const auto volume = answer.find("VANTOR_VOLUME");
+  const std::string volumeText =
+      volume != answer.end() && volume->second.isString() ? volume->second.get<std::string>() : "?";
+
+  // The volume's label counts for the width of the labels, its path for
+  // none: only the sizes are aligned.
+  rows.push_back({"Volume"});
+  const std::vector<std::size_t> widths = columnWidths(rows);
+  rows.pop_back();
+  for (const auto& row : rows)
+    printRow(row, widths, {Align::kLeft, Align::kRight});
+  printRow({"Volume", volumeText}, widths);
+}
+
+// The urgency options, as vantord reads them from a request.
+void addUrgency(const CommandLine& line, Value::Dictionary& info) {
+  if (line.urgency)
+    info.emplace("VANTOR_URGENCY", Value(*line.urgency));
+  if (line.urgencyLimit)
+    info.emplace("VANTOR_URGENCY_LIMIT", Value(*line.urgencyLimit));
+}
+
+}  // namespace
+
+int runPurgeable(const CommandLine& line) {
+  Value::Dictionary info{{"VANTOR_VOLUME", Value(volumeForPath(line.volume))}};
+  addUrgency(line, info);
+  DaemonClient client(line.bus);
+  const Value::Dictionary answer =
+      client.purgeable(line.itemized ? PurgeableView::kItemized : PurgeableView::kTotals, info);
+  if (line.json) {
+    printJson(Value(answer));
+  } else {
+    printPurgeable(answer);
+  }
+  return 0;
+}
+
+int runPurge(const CommandLine& line) {
+  Value::Dictionary info{{"VANTOR_VOLUME", Value(volumeForPath(line.volume))},
+                         {"VANTOR_AMOUNT", Value(line.size)}};
+  addUrgency(line, info);
+  if (line.timeout)
+    info.emplace("VANTOR_PURGE_TIMEOUT", Value(*line.timeout));
+
+  DaemonClient client(line.bus);
+  Value::Dictionary result;
+  {
+    ProgressLine progress("purging");
+    result = client.purge(info);
+  }
+  if (line.json) {
+    printJson(Value(result));
+  } else {
+    printPurgeResult(line.size, result);
+  }
+  const auto freed = result.find("VANTOR_AMOUNT");
+  const bool met = freed != result.end() && freed->second.uint64Value() >= line.size;
+  return static_cast<int>(met ? ExitCode::kSuccess : ExitCode::kShortfall);
+}
+
+int runCancel(const std::optional<std::string>& bus, bool json) {
+  DaemonClient(bus).cancelPurge();
+  if (!json)
+    std::printf("Cancel sent.\n");
+  return 0;
 }
 
 struct ProgressLine::State {

@@ -3,9 +3,10 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
-#include "platform/values/value.h"
+#include "cli.h"
 
 namespace vantor::ctl {
 
@@ -15,10 +16,20 @@ namespace vantor::ctl {
 // these or does not fit in 64 bits.
 std::optional<std::uint64_t> parseSize(std::string_view text);
 
-// Prints a purge's outcome for a person: asked, freed (measured on the
-// volume), reported by the services, free space before and after, and whether
-// services were still working when vantord answered.
-void printPurgeResult(std::uint64_t asked, const Value::Dictionary& result);
+// The purge commands. Each asks vantord on the bus of `line` and prints a
+// table, or vantord's answer as JSON with --json; each returns the exit
+// status or throws Failure.
+
+// `vantorctl purgeable`: what each service could free on the volume of
+// `line.volume`, then the total and the volume.
+int runPurgeable(const CommandLine& line);
+
+// `vantorctl purge`: has the services free `line.size` bytes and prints the
+// outcome; 0 when that much was freed, ExitCode::kShortfall otherwise.
+int runPurge(const CommandLine& line);
+
+// `vantorctl cancel`: stops the purge under way (or the next one).
+int runCancel(const std::optional<std::string>& bus, bool json);
 
 // While it lives, shows a spinner with the elapsed time on stderr when stderr
 // is a terminal; shows nothing otherwise. The line is cleared at the end.

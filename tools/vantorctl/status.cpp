@@ -1,14 +1,13 @@
 #include "status.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <vector>
 
 #include <sdbus-c++/sdbus-c++.h>
-#include <nlohmann/json.hpp>
 
 #include "client.h"
 #include "format.h"
+#include "json.h"
 #include "platform/dbus/bus.h"
 #include "support/low_space.h"
 #include "support/volumes.h"
@@ -51,26 +50,16 @@ const char* stateText(std::uint64_t flags) {
   return "ok";
 }
 
-void printTable(const std::vector<VolumeRow>& rows) {
-  std::vector<std::vector<std::string>> cells{
+void printVolumes(const std::vector<VolumeRow>& rows) {
+  std::vector<TableRow> cells{
       {"Volume", "Size", "Available", "Low below", "Very low below", "State"}};
   for (const auto& row : rows) {
     cells.push_back({row.volume, formatBytes(row.space.size), formatBytes(row.space.available),
                      formatBytes(row.thresholds.low), formatBytes(row.thresholds.veryLow),
                      stateText(row.flags)});
   }
-  std::vector<std::size_t> widths(cells.front().size(), 0);
-  for (const auto& line : cells) {
-    for (std::size_t i = 0; i < line.size(); ++i)
-      widths[i] = std::max(widths[i], line[i].size());
-  }
-  for (const auto& line : cells) {
-    // The volume left-aligned, the figures right-aligned, the state last.
-    std::printf("%-*s", static_cast<int>(widths[0]), line[0].c_str());
-    for (std::size_t i = 1; i + 1 < line.size(); ++i)
-      std::printf("  %*s", static_cast<int>(widths[i]), line[i].c_str());
-    std::printf("  %s\n", line.back().c_str());
-  }
+  // The volume left-aligned, the figures right-aligned, the state last.
+  printTable(cells, {Align::kLeft, Align::kRight, Align::kRight, Align::kRight, Align::kRight});
 }
 
 }  // namespace
@@ -112,23 +101,22 @@ int runStatus(const std::optional<std::string>& bus, bool json) {
   }
 
   if (json) {
-    nlohmann::json volumes = nlohmann::json::array();
+    Value::Array volumes;
     for (const auto& row : rows) {
-      volumes.push_back({{"volume", row.volume},
-                         {"size", row.space.size},
-                         {"available", row.space.available},
-                         {"lowThreshold", row.thresholds.low},
-                         {"veryLowThreshold", row.thresholds.veryLow},
-                         {"low", (row.flags & kVqLowDisk) != 0},
-                         {"veryLow", (row.flags & kVqVeryLowDisk) != 0}});
+      volumes.emplace_back(
+          Value::Dictionary{{"volume", Value(row.volume)},
+                            {"size", Value(row.space.size)},
+                            {"available", Value(row.space.available)},
+                            {"lowThreshold", Value(row.thresholds.low)},
+                            {"veryLowThreshold", Value(row.thresholds.veryLow)},
+                            {"low", Value((row.flags & kVqLowDisk) != 0)},
+                            {"veryLow", Value((row.flags & kVqVeryLowDisk) != 0)}});
     }
-    std::printf("%s\n", nlohmann::json{{"volumes", volumes},
-                                       {"running", running.value_or(false)},
-                                       {"source", fromDaemon ? "vantord" : "local"}}
-                            .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-                            .c_str());
+    printJson(Value(Value::Dictionary{{"volumes", Value(std::move(volumes))},
+                                      {"running", Value(running.value_or(false))},
+                                      {"source", Value(fromDaemon ? "vantord" : "local")}}));
   } else {
-    printTable(rows);
+    printVolumes(rows);
     std::printf("\nvantord: %s\n", !running   ? "the bus cannot be reached"
                                    : *running ? "running"
                                               : "not running");
