@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <future>
 #include <functional>
+#include <future>
 #include <set>
 #include <thread>
 #include <tuple>
