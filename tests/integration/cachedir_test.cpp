@@ -9,13 +9,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <set>
+#include <stop_token>
 #include <thread>
 #include <tuple>
 
@@ -78,55 +81,30 @@ void writeTag(const fs::path& dir) {
   std::ofstream(dir / "CACHEDIR.TAG") << "Signature: 8a477f597d28d172789f06886806bc55\n";
 }
 
-// Runs `step` on a thread of its own, over and over, until destroyed, and
-// counts the steps that answer true. hold() returns once the thread rests
-// between two steps; release() once it has seen the release, so that a hold
-// that follows at once cannot be missed.
-class Racer {
- public:
-  explicit Racer(std::function<bool()> step) : step_(std::move(step)) {
-    thread_ = std::thread([this] { run(); });
-  }
-  ~Racer() {
-    stop_ = true;
-    thread_.join();
-  }
-  void hold() {
-    hold_ = true;
-    while (!held_)
-      std::this_thread::yield();
-  }
-  void release() {
-    hold_ = false;
-    while (held_)
-      std::this_thread::yield();
-  }
-  int count() const { return count_; }
-
- private:
-  void run() {
-    while (!stop_) {
-      held_ = hold_.load();
-      if (held_)
-        std::this_thread::yield();
-      else if (step_())
-        ++count_;
-    }
-    held_ = false;
-  }
-  std::function<bool()> step_;
-  std::atomic<bool> stop_{false}, hold_{false}, held_{false};
-  std::atomic<int> count_{0};
-  std::thread thread_;
-};
-
-// Runs `round` over and over for three seconds; answers how many rounds ran.
-int roundsFor3s(const std::function<void()>& round) {
+// Runs `step` over and over on a thread of its own while `round` runs over
+// and over for three seconds. Answers how many rounds ran and how many steps
+// answered true; on return the thread has stopped, between two steps.
+std::pair<int, int> race(const std::function<bool()>& step, const std::function<void()>& round) {
+  std::atomic<int> steps{0};
   int rounds = 0;
-  for (const auto end = std::chrono::steady_clock::now() + seconds(3);
-       std::chrono::steady_clock::now() < end; ++rounds)
-    round();
-  return rounds;
+  {
+    std::jthread racer([&](const std::stop_token& stop) {
+      while (!stop.stop_requested())
+        steps += step() ? 1 : 0;
+    });
+    for (const auto end = std::chrono::steady_clock::now() + seconds(3);
+         std::chrono::steady_clock::now() < end; ++rounds)
+      round();
+  }
+  return {rounds, steps.load()};
+}
+
+// How many times `what` occurs in `text`.
+std::size_t occurrences(const std::string& text, const std::string& what) {
+  std::size_t n = 0;
+  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+    ++n;
+  return n;
 }
 
 class CacheDir : public ::testing::Test {
@@ -180,7 +158,7 @@ class CacheDir : public ::testing::Test {
       return true;
     if (!ctx_.signals().waitFor(std::string("NameOwnerChanged:") + kName + ":owned", seconds(20)))
       return false;
-    proxy_ = proxyTo(kName);
+    proxy_ = proxyTo();
     return true;
   }
   // Starts the service in a mount namespace of its own after running `setup`
@@ -192,31 +170,17 @@ class CacheDir : public ::testing::Test {
   // Waits until the log shows each of `ids` (below the service's name)
   // checked in.
   bool checkedIn(const std::vector<std::string>& ids) {
-    return waitUntil(
-        [&] {
-          const std::string text = log();
-          return std::all_of(ids.begin(), ids.end(), [&](const std::string& id) {
-            return text.find("checked in " + std::string(kName) + "." + id + "\n") !=
-                   std::string::npos;
-          });
-        },
-        seconds(30));
+    return std::all_of(ids.begin(), ids.end(), [this](const std::string& id) {
+      return waitForText(logFile(), "checked in " + std::string(kName) + "." + id + "\n",
+                         seconds(30));
+    });
   }
-
-  std::unique_ptr<sdbus::IProxy> proxyTo(const std::string& name, const std::string& path = kPath) {
-    if (!connection_)
-      connection_ = ctx_.connect();
-    return sdbus::createProxy(*connection_, name, path);
-  }
-  // A second connection's proxy, for calls made while another one waits.
-  struct Caller {
-    std::unique_ptr<sdbus::IConnection> connection;
-    std::unique_ptr<sdbus::IProxy> proxy;
-  };
-  Caller caller() {
-    Caller c{ctx_.connect(), nullptr};
-    c.proxy = sdbus::createProxy(*c.connection, kName, kPath);
-    return c;
+  // A proxy on a connection of its own, so that a call through it does not
+  // wait behind another one's.
+  std::unique_ptr<sdbus::IProxy> proxyTo(const std::string& name = kName,
+                                         const std::string& path = kPath) {
+    return sdbus::createProxy(sdbus::createSessionBusConnectionWithAddress(ctx_.busAddress()), name,
+                              path);
   }
   fs::path logFile() const { return ctx_.root().parent_path() / "cachedir.log"; }
   std::string log() const { return readText(logFile()); }
@@ -262,8 +226,6 @@ class CacheDir : public ::testing::Test {
       ASSERT_TRUE(fs::exists(outside_ / ("f" + std::to_string(i)))) << i << " after " << rounds;
   }
 
-  std::function<bool()> startWithEmptyFiles(std::size_t dirs, std::size_t perDir);
-
   void TearDown() override {
     if (HasFailure())
       std::cerr << "--- vantor-cachedir log\n" << log();
@@ -274,7 +236,6 @@ class CacheDir : public ::testing::Test {
   fs::path cache_;
   fs::path outside_;
   std::unique_ptr<ChildProcess> service_;
-  std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<sdbus::IProxy> proxy_;
 };
 
@@ -432,28 +393,25 @@ TEST_F(CacheDir, DeletesNoProtectedFileSwappedOrRenamedIntoAnOldFilesName) {
   ASSERT_TRUE(start());
 
   std::uint64_t freed = 0;
-  int rounds = 0, swaps = 0;
-  {
-    Racer racer([&, n = 0, replaced = 0]() mutable {
-      if (n % 256 == 0 && replaced < kReplaced) {
-        const fs::path fresh = cache_ / ".fresh";
-        makeFile(fresh, 10, 0);
-        hold(fresh.string(), false);
-        ::rename(fresh.c_str(), at("r", replaced++).c_str());
-      }
-      const int i = n++ % kPairs;
-      return ::renameat2(AT_FDCWD, at("p", i).c_str(), AT_FDCWD, at("q", i).c_str(),
-                         RENAME_EXCHANGE) == 0;
-    });
-    rounds = roundsFor3s([&] {
-      refill("p", kPairs);
-      refill("q", kPairs);
-      refill("r", kReplaced);
-      rescan();
-      freed += purge(4, kAll);
-    });
-    swaps = racer.count();
-  }
+  const auto [rounds, swaps] = race(
+      [&, n = 0, replaced = 0]() mutable {
+        if (n % 256 == 0 && replaced < kReplaced) {
+          const fs::path fresh = cache_ / ".fresh";
+          makeFile(fresh, 10, 0);
+          hold(fresh.string(), false);
+          ::rename(fresh.c_str(), at("r", replaced++).c_str());
+        }
+        const int i = n++ % kPairs;
+        return ::renameat2(AT_FDCWD, at("p", i).c_str(), AT_FDCWD, at("q", i).c_str(),
+                           RENAME_EXCHANGE) == 0;
+      },
+      [&] {
+        refill("p", kPairs);
+        refill("q", kPairs);
+        refill("r", kReplaced);
+        rescan();
+        freed += purge(4, kAll);
+      });
   EXPECT_GT(freed, 0u);
   EXPECT_GT(swaps, rounds);
   for (const int fd : held) {
@@ -485,31 +443,39 @@ TEST_P(CacheDirResolving, DeletesNothingOutsideWhileADirectoryIsSwappedForASymli
   fs::create_directories(dir);
   ASSERT_TRUE(start());
 
-  Racer swapper([&] {
-    if (::rename(dir.c_str(), aside.c_str()) != 0)
-      return false;
-    if (::symlink(outside_.c_str(), dir.c_str()) == 0)
-      ::unlink(dir.c_str());
-    ::rename(aside.c_str(), dir.c_str());
-    return true;
-  });
-  // Fills the real directory, held in place.
-  const auto fill = [&] {
-    swapper.hold();
-    makeFiles(dir, kFiles);
-    rescan();
-  };
-  const int rounds = roundsFor3s([&] {
-    fill();
-    swapper.release();
-    // Under load most files may be kept: their directory is mid-swap
-    // whenever the purge looks. Only what it deletes matters here.
-    purge(4, kAll);
-  });
-  EXPECT_GT(swapper.count(), rounds);
+  // The real directory is filled and scanned in place: the swapper takes no
+  // new turn while `filling` is set, and any turn under way ends first.
+  std::atomic<bool> filling{false};
+  std::mutex swapping;
+  const auto [rounds, swaps] = race(
+      [&] {
+        if (filling)
+          return false;
+        const std::lock_guard lock(swapping);
+        if (::rename(dir.c_str(), aside.c_str()) != 0)
+          return false;
+        if (::symlink(outside_.c_str(), dir.c_str()) == 0)
+          ::unlink(dir.c_str());
+        ::rename(aside.c_str(), dir.c_str());
+        return true;
+      },
+      [&] {
+        filling = true;
+        {
+          const std::lock_guard lock(swapping);
+          makeFiles(dir, kFiles);
+          rescan();
+        }
+        filling = false;
+        // Under load most files may be kept: their directory is mid-swap
+        // whenever the purge looks. Only what it deletes matters here.
+        purge(4, kAll);
+      });
+  EXPECT_GT(swaps, rounds);
   expectOutsideKept(kFiles, rounds);
   // With the directory left in place, the same purge deletes its files.
-  fill();
+  makeFiles(dir, kFiles);
+  rescan();
   EXPECT_EQ(purge(4, kAll), kFiles * allocated(outside_ / "f0"));
 }
 
@@ -569,15 +535,16 @@ TEST_P(CacheDirResolving, EntersNoMountSwappedInForATaggedDirectory) {
   ASSERT_TRUE(startWithMounts("mount --bind '" + outside_.string() + "' '" +
                               (home / "alice2/cache").string() + "'"));
 
-  Racer swapper([&] {
-    return ::renameat2(AT_FDCWD, (home / "alice").c_str(), AT_FDCWD, (home / "alice2").c_str(),
-                       RENAME_EXCHANGE) == 0;
-  });
-  const int rounds = roundsFor3s([&] {
-    rescan();
-    purge(4, kAll);
-  });
-  EXPECT_GT(swapper.count(), rounds);
+  const auto [rounds, swaps] = race(
+      [&] {
+        return ::renameat2(AT_FDCWD, (home / "alice").c_str(), AT_FDCWD, (home / "alice2").c_str(),
+                           RENAME_EXCHANGE) == 0;
+      },
+      [&] {
+        rescan();
+        purge(4, kAll);
+      });
+  EXPECT_GT(swaps, rounds);
   expectOutsideKept(kFiles, rounds);
 }
 
@@ -606,83 +573,62 @@ TEST_F(CacheDir, TrimsToMaximumAgeAndMaximumSizeInTheDailyRun) {
     EXPECT_TRUE(fs::exists(cache_ / kept)) << kept;
 }
 
-// A cache of `dirs` directories of `perDir` empty files, last used an hour
-// ago: empty files free nothing, so a purge goes through every one. Starts
-// the service and has it scan them; answers a wait for a purge to begin.
-std::function<bool()> CacheDir::startWithEmptyFiles(std::size_t dirs, std::size_t perDir) {
-  configureCache({{"MinimumAge", Value(0)}});
-  for (std::size_t d = 0; d < dirs; ++d) {
-    fs::create_directories(cache_ / std::to_string(d));
-    for (std::size_t f = 0; f < perDir; ++f)
-      ::close(::open((cache_ / std::to_string(d) / std::to_string(f)).c_str(),
-                     O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-  }
-  EXPECT_EQ(
-      std::system(("find " + cache_.string() + " -type f -exec touch -d '-1 hour' {} +").c_str()),
-      0);
-  EXPECT_TRUE(start());
-  EXPECT_EQ(rescan().at("Files").uint64Value(), dirs * perDir);
-  // The directories' modification times move as soon as a purge removes a
-  // first entry.
-  const auto changeTimes = [this, dirs] {
-    std::vector<std::int64_t> times;
-    for (std::size_t d = 0; d < dirs; ++d) {
-      struct stat st;
-      ::stat((cache_ / std::to_string(d)).c_str(), &st);
-      times.push_back(std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec);
-    }
-    return times;
-  };
-  return [changeTimes, before = changeTimes()] {
-    return waitUntil([&] { return changeTimes() != before; }, seconds(30));
-  };
-}
-
 // The purge runs on several removers at once; a cancel from another thread
 // stops them between two files. (How soon: the cache-directory benchmark.)
-TEST_F(CacheDir, CancelEndsAPurgeOfAHundredThousandFilesAtOnce) {
-  constexpr std::size_t kFiles = 100 * 1000;
-  const auto purgeBegan = startWithEmptyFiles(100, 1000);
-  ASSERT_FALSE(HasFailure());
+// SIGTERM, while one purge is under way and more calls wait, ends the service
+// cleanly with every call answered.
+TEST_F(CacheDir, CancelEndsAPurgeAtOnceAndSigtermStopsCleanlyAnsweringEveryCall) {
+  // 100 directories of 1000 empty files, last used an hour ago: empty files
+  // free nothing, so a purge goes through every one.
+  configureCache({{"MinimumAge", Value(0)}});
+  ASSERT_EQ(std::system(("cd '" + cache_.string() +
+                         "' && for d in $(seq 0 99); do mkdir $d && cd $d && "
+                         "seq 0 999 | xargs touch -d '-1 hour' && cd ..; done")
+                            .c_str()),
+            0);
+  ASSERT_TRUE(start());
+  ASSERT_EQ(rescan().at("Files").uint64Value(), 100'000u);
+  // A purge has begun once it has removed a first entry: a directory's
+  // modification time has moved.
+  const auto changeTimes = [this] {
+    std::vector<fs::file_time_type> times;
+    for (int d = 0; d < 100; ++d)
+      times.push_back(fs::last_write_time(cache_ / std::to_string(d)));
+    return times;
+  };
+  auto before = changeTimes();
   auto purging = std::async(std::launch::async, [this] { return purge(4, 1); });
-  ASSERT_TRUE(purgeBegan()) << "the purge did not start";
-  caller().proxy->callMethod("ServiceCancelPurge").onInterface("com.tessaly.vantor.Service");
+  ASSERT_TRUE(waitUntil([&] { return changeTimes() != before; }, seconds(30)))
+      << "the purge did not start";
+  proxyTo()->callMethod("ServiceCancelPurge").onInterface("com.tessaly.vantor.Service");
   ASSERT_EQ(purging.wait_for(seconds(2)), std::future_status::ready);
   EXPECT_EQ(purging.get(), 0u);
-  std::size_t left = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(cache_))
-    left += entry.is_regular_file() ? 1 : 0;
-  EXPECT_GT(left, kFiles / 2);
+  EXPECT_GT(std::count_if(fs::recursive_directory_iterator(cache_), {},
+                          [](const fs::directory_entry& e) { return e.is_regular_file(); }),
+            50'000);
   // A cancelled purge leaves even the directories it emptied.
   for (int d = 0; d < 100; ++d)
     EXPECT_TRUE(fs::is_directory(cache_ / std::to_string(d))) << d;
-}
 
-TEST_F(CacheDir, SigtermDuringPurgesStopsCleanlyAndAnswersEveryCall) {
-  const auto purgeBegan = startWithEmptyFiles(50, 200);
-  ASSERT_FALSE(HasFailure());
-  // One purge under way, two queued behind it, and a rescan waiting.
+  // SIGTERM with one purge under way, two queued behind it and a rescan
+  // waiting.
+  before = changeTimes();
   std::vector<std::future<Value::Dictionary>> calls;
   for (int i = 0; i < 4; ++i) {
     calls.push_back(std::async(std::launch::async, [this, i] {
-      auto c = caller();
-      return i == 3 ? callOn(*c.proxy, "ServiceCallback", {{"Rescan", Value(true)}})
-                    : callOn(*c.proxy, "ServicePurge", {{"VANTOR_AMOUNT", Value(1)}}, 4);
+      return i == 3 ? callOn(*proxyTo(), "ServiceCallback", {{"Rescan", Value(true)}})
+                    : callOn(*proxyTo(), "ServicePurge", {{"VANTOR_AMOUNT", Value(2)}}, 4);
     }));
   }
-  ASSERT_TRUE(purgeBegan()) << "the purge did not start";
-  // Every call has reached the service before it is told to stop.
+  ASSERT_TRUE(waitUntil([&] { return changeTimes() != before; }, seconds(30)))
+      << "the purge did not start";
+  // Every call has reached the service before it is told to stop; the rescan
+  // before the calls asked once already.
   ASSERT_TRUE(waitUntil(
       [&] {
         const std::string text = log();
-        const auto count = [&text](const std::string& what) {
-          std::size_t n = 0;
-          for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-            ++n;
-          return n;
-        };
-        // The rescan before the calls asked once already.
-        return count("bytes: queued") == 3 && count("rescan requested") == 2;
+        return occurrences(text, "of 2 bytes: queued") == 3 &&
+               occurrences(text, "rescan requested") == 2;
       },
       seconds(30)));
   service_->signal(SIGTERM);
@@ -768,7 +714,7 @@ TEST_F(CacheDir, AShippedSourceIsStartedByBusActivationOfItsId) {
                                   {{"VANTOR_VOLUME", Value(volumeHolding(cache_))}});
   ASSERT_TRUE(ctx_.signals().waitFor("NameOwnerChanged:" + id + ":owned", seconds(30)))
       << Value(offered).description();
-  proxy_ = proxyTo(kName);
+  proxy_ = proxyTo();
   rescan();
   const auto answer =
       callOn(*proxyTo(id), "ServicePurgeable", {{"VANTOR_VOLUME", Value(cache_.string())}}, 1);
@@ -805,7 +751,7 @@ TEST_F(CacheDir, ACommandSourceAnswersWhatWentAndACancelEndsAHangingCommand) {
   auto purging = std::async(std::launch::async,
                             [&] { return callClient(*ctx_.connect(), "ClientPurge", ask); });
   ASSERT_TRUE(waitUntil([&] { return fs::exists(started); }, seconds(60)));
-  sdbus::createProxy(*client, "com.tessaly.vantor", "/com/tessaly/vantor")
+  proxyTo("com.tessaly.vantor", "/com/tessaly/vantor")
       ->callMethod("ClientCancelPurge")
       .onInterface("com.tessaly.vantor.Client");
   ASSERT_EQ(purging.wait_for(seconds(60)), std::future_status::ready) << "the purge was not ended";

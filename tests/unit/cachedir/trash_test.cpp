@@ -1,9 +1,7 @@
 #include "trash.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <stdlib.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +11,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -195,23 +192,13 @@ TEST_P(TrashResolving, RemovesNothingOutsideThroughALinkOrAMountInside) {
   trashed("tree", 40 * kDay);
   trashed("link", 40 * kDay);
 
-  const pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount(outside.c_str(), item("tree/mnt").c_str(), nullptr, MS_BIND, nullptr) != 0)
-      ::_exit(77);
-    ::setenv(kChildVariable, trash_.c_str(), 1);
-    if (GetParam())
-      ::unsetenv("VANTOR_CACHEDIR_NO_OPENAT2");
-    else
-      ::setenv("VANTOR_CACHEDIR_NO_OPENAT2", "1", 1);
-    ::execl("/proc/self/exe", "trash_test", static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  // The child, in a mount namespace of its own with the outside mounted in.
+  const std::string child =
+      "mount --make-rprivate / && mount --bind '" + outside.string() + "' '" +
+      item("tree/mnt").string() + "' || exit 77; exec env -u VANTOR_CACHEDIR_NO_OPENAT2 " +
+      (GetParam() ? "" : "VANTOR_CACHEDIR_NO_OPENAT2=1 ") + kChildVariable + "='" +
+      trash_.string() + "' '" + fs::read_symlink("/proc/self/exe").string() + "'";
+  const int status = std::system(("unshare -m /bin/sh -c \"" + child + "\"").c_str());
   ASSERT_TRUE(WIFEXITED(status));
   if (WEXITSTATUS(status) == 77)
     GTEST_SKIP() << "cannot bind-mount in a private mount namespace";
