@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/store/durable_copy.h"
@@ -140,9 +141,7 @@ class FaultyFiles : public FileCalls {
       shortened_ = true;  // half goes to disk, the rest finds the disk full
       return FileCalls::write(fd, data, size / 2);
     }
-    return fails(op_ == Op::kShortWrite ? Op::kShortWrite : Op::kWrite)
-               ? -1
-               : FileCalls::write(fd, data, size);
+    return fails(Op::kWrite) || fails(Op::kShortWrite) ? -1 : FileCalls::write(fd, data, size);
   }
   int fdatasync(int fd) override { return fails(Op::kFdatasync) ? -1 : FileCalls::fdatasync(fd); }
   int close(int fd) override {
@@ -158,9 +157,8 @@ class FaultyFiles : public FileCalls {
 
  private:
   bool fails(Op op) {
-    if (op != op_ || failed_)
+    if (op != op_ || std::exchange(failed_, true))
       return false;
-    failed_ = true;
     errno = err_;
     return true;
   }
