@@ -140,17 +140,10 @@ bool same(const vantor::Value& a, const vantor::Value& b) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzedDataProvider in(data, size);
   // The shapes the protocols use at the top, a{sv} and av, and anything else.
-  Type top;
-  switch (in.ConsumeIntegralInRange(0, 2)) {
-    case 0:
-      top = {'e', {basicType('s'), basicType('v')}, "a{sv}"};
-      break;
-    case 1:
-      top = {'a', {basicType('v')}, "av"};
-      break;
-    default:
-      top = makeType(in, 0);
-  }
+  const int shape = in.ConsumeIntegralInRange(0, 2);
+  const Type top = shape == 0   ? Type{'e', {basicType('s'), basicType('v')}, "a{sv}"}
+                   : shape == 1 ? Type{'a', {basicType('v')}, "av"}
+                                : makeType(in, 0);
   auto message = sdbus::createPlainMessage();
   sdbus::Variant variant;
   try {

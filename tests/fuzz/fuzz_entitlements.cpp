@@ -14,10 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   vantor::fuzz::writeInput(dir / "policy.plist", data, size);
   std::vector<std::string> warnings;
   const auto policy = vantor::EntitlementPolicy::load(dir, &warnings);
-  vantor::PeerIdentity peer;
-  peer.credentials.uid = 0;
-  peer.credentials.gids = {0, 100};
-  peer.executable = "/usr/bin/vantorctl";
+  const vantor::PeerIdentity peer{.credentials = {.uid = 0, .gids = {0, 100}, .pid = {}},
+                                  .executable = "/usr/bin/vantorctl"};
   (void)policy.namesFor(peer);
   return 0;
 }

@@ -56,9 +56,14 @@ std::string reading(const Vantor& v, const std::string& id) {
 // it, notification names are a set, and of two descriptors of one ID the one
 // read last wins. Files that do not parse or hold no dictionary are logged
 // and skipped, one without an ID skipped, and the rest read.
-TEST(Descriptors, ReadAtAnyDepthAndSkipWhatHoldsNoDictionaryWithAnId) {
+// The Linux homes beside the protocol's directory: /etc masks /usr/lib by
+// file name, an empty file or a link to /dev/null disables a name, only
+// `*.plist` files count, and an ID known already stays as it was first read.
+TEST(Descriptors, ReadEveryHomeAtAnyDepthAndSkipWhatHoldsNoDictionaryWithANewId) {
   TempDir dir;
-  const fs::path top = dir.path() / "System/Library/Vantor";
+  const fs::path top = dir.path() / "System/Library/Vantor",
+                 etc = dir.path() / "etc/vantor/services.d",
+                 lib = dir.path() / "usr/lib/vantor/services.d";
   writePlist(top / "tidy.plist",
              descriptor("tidy", {{"VANTOR_SERVICES", names({"PERIODIC"})},
                                  {"VANTOR_DO_NOT_QUERY", Value(false)},
@@ -73,13 +78,25 @@ TEST(Descriptors, ReadAtAnyDepthAndSkipWhatHoldsNoDictionaryWithAnId) {
   std::ofstream(top / "garbage.plist") << "this is not a property list";
   fs::create_symlink("/nonexistent/target", top / "dangling.plist");
   ASSERT_EQ(::mkfifo((top / "fifo.plist").c_str(), 0600), 0);
+  writePlist(top / "first.plist", descriptor("first"));
+  writePlist(lib / "a.plist", descriptor("shipped"));
+  writePlist(etc / "a.plist", descriptor("local", {{"VANTOR_SERVICES", names({"PERIODIC"})}}));
+  writePlist(lib / "b.plist", descriptor("emptied"));
+  std::ofstream(etc / "b.plist").flush();
+  writePlist(lib / "c.plist", descriptor("nulled"));
+  fs::create_symlink("/dev/null", etc / "c.plist");
+  writePlist(lib / "d.plist", descriptor("first", {{"VANTOR_SERVICES", names({"PERIODIC"})}}));
+  writePlist(lib / "e.conf", descriptor("notplist"));
 
   LogCapture capture;
   auto v = startOn(dir);
-  EXPECT_EQ(v->daemons, (Vantor::StringSet{"tidy", "plain", "neither", "same"}));
+  EXPECT_EQ(v->daemons, (Vantor::StringSet{"tidy", "plain", "neither", "same", "first", "local"}));
   EXPECT_EQ(reading(*v, "tidy"), "periodic do-not-query (\"N1\", \"N2\")");
   EXPECT_EQ(reading(*v, "plain"), "purge (null)");
   EXPECT_EQ(reading(*v, "neither"), "(null)");
+  EXPECT_EQ(reading(*v, "first"), "purge (null)");
+  EXPECT_EQ(reading(*v, "local"), "periodic (null)");
+  EXPECT_TRUE(capture.contains("first is already known"));
   // Which file is read last is the directory's order.
   std::vector<std::string> order;
   for (const auto& entry : fs::directory_iterator(top))
@@ -91,11 +108,10 @@ TEST(Descriptors, ReadAtAnyDepthAndSkipWhatHoldsNoDictionaryWithAnId) {
   // The four bad files and the subdirectory's entry itself are each logged
   // once; the top level that is no dictionary parsed, so its error is absent.
   const auto lines = capture.lines();
-  EXPECT_EQ(
-      std::ranges::count_if(
-          lines, [](const auto& l) { return l.find("propertyListWithData failed") != l.npos; }),
-      5)
-      << ::testing::PrintToString(lines);
+  const auto failed = [](const std::string& l) {
+    return l.find("propertyListWithData failed") != l.npos;
+  };
+  EXPECT_EQ(std::ranges::count_if(lines, failed), 5) << ::testing::PrintToString(lines);
   EXPECT_TRUE(capture.contains("propertyListWithData failed: (null)"));
 }
 
@@ -144,31 +160,6 @@ TEST(Descriptors, ADirectoryThatCannotBeOpenedIsLoggedAndTheScanGoesOn) {
   LogCapture capture;
   EXPECT_EQ(startOn(dir)->daemons, expected);
   EXPECT_TRUE(capture.contains("cannot enumerate"));
-}
-
-// The Linux homes beside the protocol's directory: /etc masks /usr/lib by
-// file name, an empty file or a link to /dev/null disables a name, only
-// `*.plist` files count, and an ID known already stays as it was first read.
-TEST(Descriptors, EtcMasksUsrLibByNameAndAKnownIdIsSkipped) {
-  TempDir dir;
-  const fs::path etc = dir.path() / "etc/vantor/services.d",
-                 lib = dir.path() / "usr/lib/vantor/services.d";
-  writePlist(dir.path() / "System/Library/Vantor/first.plist", descriptor("first"));
-  writePlist(lib / "a.plist", descriptor("shipped"));
-  writePlist(etc / "a.plist", descriptor("local", {{"VANTOR_SERVICES", names({"PERIODIC"})}}));
-  writePlist(lib / "b.plist", descriptor("emptied"));
-  std::ofstream(etc / "b.plist").flush();
-  writePlist(lib / "c.plist", descriptor("nulled"));
-  fs::create_symlink("/dev/null", etc / "c.plist");
-  writePlist(lib / "d.plist", descriptor("first", {{"VANTOR_SERVICES", names({"PERIODIC"})}}));
-  writePlist(lib / "e.conf", descriptor("notplist"));
-
-  LogCapture capture;
-  auto v = startOn(dir);
-  EXPECT_EQ(v->daemons, (Vantor::StringSet{"first", "local"}));
-  EXPECT_EQ(reading(*v, "first"), "purge (null)");
-  EXPECT_EQ(reading(*v, "local"), "periodic (null)");
-  EXPECT_TRUE(capture.contains("first is already known"));
 }
 
 }  // namespace

@@ -206,15 +206,10 @@ TEST(GlobalPool, ThreadsABurstStartedRetireUnderSteadyLightWork) {
 TEST(GlobalPool, ABurstOfShortBlocksStartsFewThreads) {
   constexpr int kBlocks = 1000;
   [[maybe_unused]] const std::size_t before = globalPoolStats().threads;
-  auto ran = std::make_shared<std::atomic<int>>(0);
-  auto done = std::make_shared<Semaphore>();
-  for (int i = 0; i < kBlocks; ++i) {
-    globalAsync([=] {
-      if (ran->fetch_add(1) + 1 == kBlocks)
-        done->signal();
-    });
-  }
-  ASSERT_TRUE(done->wait(soon()));
+  auto group = Group::create();  // each member goes to the pool
+  for (int i = 0; i < kBlocks; ++i)
+    group->async([] {});
+  ASSERT_TRUE(group->wait(soon()));
 #ifndef __SANITIZE_THREAD__
   // Under ThreadSanitizer threads run nearly one at a time, so the blocks
   // are taken no faster than submitted and the count tells nothing.
@@ -229,10 +224,8 @@ TEST(Dispatch, ABlockThatThrowsIsReportedAndTheRestRuns) {
   static std::vector<std::string> reports;
   static Semaphore reported;
   auto previous = setUncaughtExceptionHandler([](const char* where, const char* what) {
-    {
-      std::lock_guard lock(mutex);
-      reports.push_back(std::string(where) + ": " + what);
-    }
+    std::lock_guard lock(mutex);
+    reports.push_back(std::string(where) + ": " + what);
     reported.signal();
   });
   auto queue = SerialQueue::create("test.throwing");

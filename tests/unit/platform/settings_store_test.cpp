@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -11,26 +7,31 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/store/durable_copy.h"
 #include "platform/store/settings_store.h"
 #include "platform/values/plist_io.h"
 #include "platform/values/value.h"
+#include "testkit/temp_dir.h"
 
 namespace vantor {
 namespace {
 
 namespace fs = std::filesystem;
+using Bytes = std::vector<std::uint8_t>;
 
-std::vector<std::uint8_t> readBytes(const fs::path& path) {
+Bytes readBytes(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-void writeBytes(const fs::path& path, const std::vector<std::uint8_t>& bytes) {
+void writeBytes(const fs::path& path, const Bytes& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()),
             static_cast<std::streamsize>(bytes.size()));
@@ -42,56 +43,50 @@ Value valueAt(const SettingsStore& store, const std::string& key) {
   return value != nullptr ? *value : Value();
 }
 
-const std::vector<std::uint8_t> kGarbage = {'n', 'o', 't', ' ', 'a',  ' ', 'p',
-                                            'l', 'i', 's', 't', 0x00, 0xff};
+const Bytes kGarbage = {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't', 0x00, 0xff};
 
 class SettingsStoreTest : public testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/vantor-store-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    path_ = dir_ / "store.plist";
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
+  // The store at path_; throws, failing the test, when it cannot be opened.
+  std::unique_ptr<SettingsStore> open(SettingsStore::Diagnostics* diagnostics = nullptr,
+                                      FileCalls& files = FileCalls::system()) const {
+    auto store = SettingsStore::open(path_, diagnostics, files);
+    if (store == nullptr)
+      throw std::runtime_error("the store did not open: " +
+                               (diagnostics ? diagnostics->warning : ""));
+    return store;
   }
 
-  // Files next to the store whose names start with "store.plist.corrupt-".
-  std::vector<fs::path> movedAside() const {
-    std::vector<fs::path> found;
+  // The contents of the files next to the store whose names start with
+  // "store.plist.corrupt-".
+  std::multiset<Bytes> movedAside() const {
+    std::multiset<Bytes> found;
     for (const auto& entry : fs::directory_iterator(dir_)) {
       if (entry.path().filename().string().starts_with("store.plist.corrupt-"))
-        found.push_back(entry.path());
+        found.insert(readBytes(entry.path()));
     }
     return found;
   }
 
-  fs::path dir_;
-  fs::path path_;
+  testkit::TempDir tmp_;
+  const fs::path dir_ = tmp_.path();
+  const fs::path path_ = dir_ / "store.plist";
 };
 
 TEST_F(SettingsStoreTest, UnreadableOrNonDictionaryFilesAreMovedAsideNotDeleted) {
-  const std::vector<std::vector<std::uint8_t>> bad = {
-      kGarbage, encodePlist(Value(Value::Array{Value(1)}), PlistFormat::kBinary)};
+  const std::vector<Bytes> bad = {kGarbage,
+                                  encodePlist(Value(Value::Array{Value(1)}), PlistFormat::kBinary)};
   for (const auto& bytes : bad) {
     fs::remove(dir_ / "store.plist.backup");  // nothing to fall back on
     writeBytes(path_, bytes);
     SettingsStore::Diagnostics diagnostics;
-    auto store = SettingsStore::open(path_, &diagnostics);
-    ASSERT_NE(store, nullptr) << diagnostics.warning;
+    auto store = open(&diagnostics);
     EXPECT_FALSE(diagnostics.warning.empty());
     EXPECT_EQ(store->objectForKey("fresh"), nullptr);
     ASSERT_TRUE(store->setObject("fresh", Value(1)));
   }
   // Both happened within the same second; neither copy may overwrite the other.
-  std::vector<std::vector<std::uint8_t>> contents, expected = bad;
-  for (const auto& path : movedAside())
-    contents.push_back(readBytes(path));
-  std::ranges::sort(contents);
-  std::ranges::sort(expected);
-  EXPECT_EQ(contents, expected);
+  EXPECT_EQ(movedAside(), std::multiset<Bytes>(bad.begin(), bad.end()));
 }
 
 TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverWasLeftBeside) {
@@ -101,12 +96,11 @@ TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverWasLeftBeside) {
   const fs::path victim = dir_ / "victim";
   writeBytes(victim, kGarbage);
   fs::create_symlink(victim, dir_ / "store.plist.next");
-  auto store = SettingsStore::open(path_);
-  ASSERT_NE(store, nullptr);
+  auto store = open();
   std::string error;
   ASSERT_TRUE(store->setObject("first", Value(0), &error)) << error;
   EXPECT_EQ(readBytes(victim), kGarbage);
-  writeBytes(dir_ / "store.plist.next", std::vector<std::uint8_t>(100000, 'x'));
+  writeBytes(dir_ / "store.plist.next", Bytes(100000, 'x'));
   fs::permissions(dir_ / "store.plist.next", fs::perms(0644));
 
   // Growing, then shrinking, contents.
@@ -126,18 +120,18 @@ TEST_F(SettingsStoreTest, FileIsAlwaysCompleteWhateverWasLeftBeside) {
   EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0600));
   EXPECT_FALSE(fs::exists(fs::symlink_status(dir_ / "store.plist.next")));
 
-  store = SettingsStore::open(path_);
-  ASSERT_NE(store, nullptr);
+  store = open();
   EXPECT_EQ(valueAt(*store, "key49"), Value(49));
   EXPECT_EQ(store->objectForKey("key50"), nullptr);
   EXPECT_TRUE(movedAside().empty());
 }
 
-// Makes one chosen file operation fail: `failAt` counts calls of `op` from 1.
+// Makes the first call of one chosen file operation fail. A short write
+// first writes half of what it is given, then fails the next write.
 class FaultyFiles : public FileCalls {
  public:
   enum class Op { kOpen, kWrite, kShortWrite, kFdatasync, kClose, kRename };
-  FaultyFiles(Op op, int err, int failAt = 1) : op_(op), err_(err), failAt_(failAt) {}
+  FaultyFiles(Op op, int err) : op_(op), err_(err) {}
 
   int open(const char* path, int flags, mode_t mode) override {
     return fails(Op::kOpen) ? -1 : FileCalls::open(path, flags, mode);
@@ -147,9 +141,7 @@ class FaultyFiles : public FileCalls {
       shortened_ = true;  // half goes to disk, the rest finds the disk full
       return FileCalls::write(fd, data, size / 2);
     }
-    return fails(op_ == Op::kShortWrite ? Op::kShortWrite : Op::kWrite)
-               ? -1
-               : FileCalls::write(fd, data, size);
+    return fails(Op::kWrite) || fails(Op::kShortWrite) ? -1 : FileCalls::write(fd, data, size);
   }
   int fdatasync(int fd) override { return fails(Op::kFdatasync) ? -1 : FileCalls::fdatasync(fd); }
   int close(int fd) override {
@@ -165,15 +157,14 @@ class FaultyFiles : public FileCalls {
 
  private:
   bool fails(Op op) {
-    if (op != op_ || ++calls_ != failAt_)
+    if (op != op_ || std::exchange(failed_, true))
       return false;
     errno = err_;
     return true;
   }
   Op op_;
   int err_;
-  int failAt_;
-  int calls_ = 0;
+  bool failed_ = false;
   bool shortened_ = false;
 };
 
@@ -185,31 +176,25 @@ TEST_F(SettingsStoreTest, AWriteThatFailsAtAnyStepLosesNothing) {
   };
   for (const auto& [op, err] : faults) {
     SCOPED_TRACE(::testing::Message() << "step " << static_cast<int>(op) << ", " << err);
-    {
-      auto store = SettingsStore::open(path_);
-      ASSERT_NE(store, nullptr);
-      ASSERT_TRUE(store->setObject("k", Value("old")));
-    }
+    ASSERT_TRUE(open()->setObject("k", Value("old")));
     FaultyFiles files(op, err);
-    auto store = SettingsStore::open(path_, nullptr, files);
-    ASSERT_NE(store, nullptr);
+    auto store = open(nullptr, files);
     std::string error;
     EXPECT_FALSE(store->setObject("k", Value(std::string(5000, 'n')), &error));
     EXPECT_NE(error.find(std::strerror(err)), std::string::npos) << error;
     EXPECT_EQ(valueAt(*store, "k"), Value("old")) << "memory keeps what the disk holds";
     EXPECT_FALSE(fs::exists(dir_ / "store.plist.next"));
     store.reset();
-    store = SettingsStore::open(path_);
-    EXPECT_EQ(valueAt(*store, "k"), Value("old"));
+    EXPECT_EQ(valueAt(*open(), "k"), Value("old"));
     EXPECT_TRUE(movedAside().empty());
   }
 
   // A merge that fails puts back what it removed, replaced and added; while
   // its file is being written, what it replaced can still be read.
   const Value before(Value::Dictionary{{"a", Value(1)}, {"b", Value(2)}});
-  ASSERT_TRUE(SettingsStore::open(path_)->setObject("d", before));
+  ASSERT_TRUE(open()->setObject("d", before));
   FaultyFiles files(Op::kRename, EIO);
-  auto store = SettingsStore::open(path_, nullptr, files);
+  auto store = open(nullptr, files);
   auto staged = store->stageMerge("d", {{"a", Value()}, {"b", Value(3)}, {"c", Value(4)}});
   Value::Dictionary readable = valueAt(*store, "d").get<Value::Dictionary>();
   staged->restore(readable);
@@ -218,14 +203,13 @@ TEST_F(SettingsStoreTest, AWriteThatFailsAtAnyStepLosesNothing) {
   store->finishStaged(*staged, false);
   EXPECT_EQ(valueAt(*store, "d"), before);
   EXPECT_TRUE(store->mergeIntoDictionary("d", {{"a", Value()}, {"c", Value(4)}}));
-  EXPECT_EQ(valueAt(*SettingsStore::open(path_), "d"),
-            Value(Value::Dictionary{{"b", Value(2)}, {"c", Value(4)}}));
+  EXPECT_EQ(valueAt(*open(), "d"), Value(Value::Dictionary{{"b", Value(2)}, {"c", Value(4)}}));
 }
 
 TEST_F(SettingsStoreTest, ABackupRoundThatFailsAtAnyStepKeepsThePreviousBackup) {
   using Op = FaultyFiles::Op;
   const fs::path backup = dir_ / "copy";
-  const std::vector<std::uint8_t> previous = {1, 2, 3};
+  const Bytes previous = {1, 2, 3};
   for (const auto& [op, err] : std::vector<std::pair<Op, int>>{{Op::kOpen, EACCES},
                                                                {Op::kShortWrite, ENOSPC},
                                                                {Op::kFdatasync, EIO},
@@ -236,7 +220,7 @@ TEST_F(SettingsStoreTest, ABackupRoundThatFailsAtAnyStepKeepsThePreviousBackup) 
     FaultyFiles files(op, err);
     DurableCopy copy(backup, std::chrono::milliseconds(1), files);
     std::string error;
-    EXPECT_FALSE(copy.writeNow(std::vector<std::uint8_t>(5000, 9), &error));
+    EXPECT_FALSE(copy.writeNow(Bytes(5000, 9), &error));
     EXPECT_NE(error.find(std::strerror(err)), std::string::npos) << error;
     EXPECT_EQ(readBytes(backup), previous);
   }
@@ -246,15 +230,10 @@ TEST_F(SettingsStoreTest, ABackupRoundThatFailsAtAnyStepKeepsThePreviousBackup) 
 // written. The checksum tells, and the last flushed backup takes its place.
 TEST_F(SettingsStoreTest, AStoreFileThatDidNotReachTheDiskWholeGivesWayToTheBackup) {
   const fs::path backup = dir_ / "store.plist.backup";
-  {
-    auto store = SettingsStore::open(path_);
-    ASSERT_TRUE(store->setObject("k", Value(std::string(10000, 'a'))));
-  }  // the backup is flushed before the store closes
+  // The backup is flushed before the store closes.
+  ASSERT_TRUE(open()->setObject("k", Value(std::string(10000, 'a'))));
   const auto flushed = readBytes(backup);
-  {
-    auto store = SettingsStore::open(path_);
-    ASSERT_TRUE(store->setObject("k", Value(std::string(10000, 'b'))));
-  }
+  ASSERT_TRUE(open()->setObject("k", Value(std::string(10000, 'b'))));
   const auto latest = readBytes(path_);
   auto torn = [&](std::size_t from, std::size_t to) {
     auto bytes = latest;
@@ -262,16 +241,16 @@ TEST_F(SettingsStoreTest, AStoreFileThatDidNotReachTheDiskWholeGivesWayToTheBack
               bytes.begin() + static_cast<long>(from));
     return bytes;
   };
-  const std::vector<std::vector<std::uint8_t>> spoilt = {
-      {},                                                                // nothing reached the disk
-      std::vector<std::uint8_t>(latest.begin(), latest.begin() + 4096),  // a prefix
-      torn(4096, 8192),  // one old block in the middle: still parses
+  const std::vector<Bytes> spoilt = {
+      {},                                            // nothing reached the disk
+      Bytes(latest.begin(), latest.begin() + 4096),  // a prefix
+      torn(4096, 8192),                              // one old block in the middle: still parses
   };
   for (const auto& bytes : spoilt) {
     writeBytes(backup, flushed);  // as if the last flush had not happened
     writeBytes(path_, bytes);
     SettingsStore::Diagnostics diagnostics;
-    auto store = SettingsStore::open(path_, &diagnostics);
+    auto store = open(&diagnostics);
     EXPECT_NE(diagnostics.warning.find("restored"), std::string::npos) << diagnostics.warning;
     EXPECT_EQ(valueAt(*store, "k"), Value(std::string(10000, 'a')));
   }
@@ -280,18 +259,15 @@ TEST_F(SettingsStoreTest, AStoreFileThatDidNotReachTheDiskWholeGivesWayToTheBack
   // A sound store file is the newest: the backup is only a fallback, and
   // files other programs wrote carry no checksum and are read as they are.
   writeBytes(path_, encodePlist(Value(Value::Dictionary{{"k", Value(3)}}), PlistFormat::kBinary));
-  auto store = SettingsStore::open(path_);
-  EXPECT_EQ(valueAt(*store, "k"), Value(3));
+  EXPECT_EQ(valueAt(*open(), "k"), Value(3));
   const auto copied = parsePlist(readBytes(backup));
   ASSERT_TRUE(copied.value.has_value()) << "opening brings the backup up to date";
   EXPECT_EQ(*copied.value, Value(Value::Dictionary{{"k", Value(3)}}));
 }
 
 TEST_F(SettingsStoreTest, SynchronizePicksUpAnotherWritersChanges) {
-  auto writer = SettingsStore::open(path_);
-  auto reader = SettingsStore::open(path_);
-  ASSERT_NE(writer, nullptr);
-  ASSERT_NE(reader, nullptr);
+  auto writer = open();
+  auto reader = open();
   ASSERT_TRUE(writer->setObject("k", Value(1)));
   std::string error;
   ASSERT_TRUE(reader->synchronize(&error)) << error;
@@ -307,8 +283,8 @@ TEST_F(SettingsStoreTest, SynchronizePicksUpAnotherWritersChanges) {
 // Many changes in a burst, from several threads, share one round, which
 // writes the newest; a round still comes for changes made while one ran.
 TEST(DurableCopy, CoalescesABurstAndKeepsTheNewest) {
-  const auto path = fs::temp_directory_path() / ("durable-copy-" + std::to_string(::getpid()));
-  DurableCopy copy(path, std::chrono::milliseconds(100));
+  testkit::TempDir dir;
+  DurableCopy copy(dir.path() / "copy", std::chrono::milliseconds(100));
   auto waitForFlushes = [&](unsigned long n) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (copy.flushes() < n && std::chrono::steady_clock::now() < deadline)
@@ -319,19 +295,18 @@ TEST(DurableCopy, CoalescesABurstAndKeepsTheNewest) {
   for (int t = 0; t < 4; ++t) {
     writers.emplace_back([&copy, t] {
       for (int i = 0; i < 50; ++i)
-        copy.schedule(std::make_shared<const std::vector<std::uint8_t>>(
-            std::vector<std::uint8_t>{static_cast<std::uint8_t>(t), static_cast<std::uint8_t>(i)}));
+        copy.schedule(std::make_shared<const Bytes>(
+            Bytes{static_cast<std::uint8_t>(t), static_cast<std::uint8_t>(i)}));
     });
   }
   for (auto& w : writers)
     w.join();
   ASSERT_TRUE(waitForFlushes(1));
   EXPECT_LE(copy.flushes(), 2u);
-  copy.schedule(std::make_shared<const std::vector<std::uint8_t>>(std::vector<std::uint8_t>{7}));
+  copy.schedule(std::make_shared<const Bytes>(Bytes{7}));
   EXPECT_TRUE(waitForFlushes(2));
   EXPECT_EQ(copy.lastError(), "");
-  EXPECT_EQ(readBytes(path), std::vector<std::uint8_t>{7});
-  fs::remove(path);
+  EXPECT_EQ(readBytes(dir.path() / "copy"), Bytes{7});
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 // executables are also granted to the real daemon in entitlement_table_test
 // and purge_test.)
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -12,15 +10,13 @@
 #include "platform/values/plist_io.h"
 #include "support/client_connection.h"
 #include "support/entitlements.h"
+#include "testkit/temp_dir.h"
 
 namespace vantor {
 namespace {
 
 Value strings(std::initializer_list<const char*> items) {
-  Value::Array a;
-  for (const char* i : items)
-    a.emplace_back(i);
-  return Value(a);
+  return Value(Value::Array(items.begin(), items.end()));
 }
 
 Value grant(const char* subjects, Value who, const char* name) {
@@ -30,20 +26,14 @@ Value grant(const char* subjects, Value who, const char* name) {
 
 PeerIdentity peer(uid_t uid, std::vector<gid_t> gids = {},
                   std::optional<std::string> exe = std::nullopt) {
-  PeerIdentity p;
-  p.credentials.uid = uid;
-  p.credentials.gids = std::move(gids);
-  if (exe)
-    p.executable = *exe;
-  return p;
+  return {.credentials = {.uid = uid, .gids = std::move(gids), .pid = {}}, .executable = exe};
 }
 
 // Every matching file adds its names; bad files and unknown users or groups
 // are skipped with a warning each; a peer without an identity holds nothing.
 TEST(EntitlementPolicy, GrantsTheUnionOfEveryMatchingFileAndSkipsWhatItCannotRead) {
-  char pattern[] = "/tmp/vantor-policy-XXXXXX";
-  ASSERT_NE(::mkdtemp(pattern), nullptr);
-  const std::filesystem::path dir = pattern;
+  const testkit::TempDir temp;
+  const std::filesystem::path& dir = temp.path();
   const auto write = [&](const std::string& name, const Value& v) {
     const auto bytes = encodePlist(v, PlistFormat::kXml);
     std::ofstream(dir / name) << std::string(bytes.begin(), bytes.end());
@@ -81,7 +71,6 @@ TEST(EntitlementPolicy, GrantsTheUnionOfEveryMatchingFileAndSkipsWhatItCannotRea
   EXPECT_FALSE(connectionIsEntitled(&known, {"CLIENT_ENTITLEMENT", "PURGE_ENTITLEMENT"}));
   EXPECT_FALSE(connectionIsEntitled(&unknown, {"CLIENT_ENTITLEMENT"}));
   installEntitlementPolicy(EntitlementPolicy{});
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
