@@ -151,9 +151,10 @@ TEST(PlistText, MalformedBytesBecomeReplacementsAndTextEndsAtANul) {
   ASSERT_TRUE(binary.value.has_value()) << binary.error;
   EXPECT_EQ(*binary.value, replaced);
 
-  const std::string xml = std::string(R"(<?xml version="1.0"?><plist version="1.0"><array>)") +
-                          "<string>c\xE6\x97</string><string>x" + std::string(1, '\0') +
-                          "y</string></array></plist>";
+  std::string xml = R"(<?xml version="1.0"?><plist version="1.0"><array>)"
+                    "<string>c\xE6\x97</string><string>x";
+  xml += '\0';
+  xml += "y</string></array></plist>";
   const auto parsed = parsePlist(bytesOf(xml));
   ASSERT_TRUE(parsed.value.has_value()) << parsed.error;
   EXPECT_EQ(*parsed.value, Value(Value::Array{Value("c\uFFFD\uFFFD"), Value("x")}));
