@@ -18,6 +18,9 @@
 #include "platform/values/value.h"
 #include "testkit/daemon_harness.h"
 
+// What every test against the daemon shares. This header brings GoogleTest,
+// sdbus-c++ and the standard containers and strings with it, so the tests
+// include only what they use beyond those.
 namespace vantor::test {
 
 using testkit::callForError;

@@ -8,17 +8,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <map>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include "common/test_context.h"
 #include "platform/files/read_file.h"
