@@ -3,7 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
+#include <cctype>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string_view>
@@ -16,30 +17,6 @@
 #include "support/volumes.h"
 
 namespace vantor::test {
-
-RawService::RawService(TestContext& ctx, std::function<void(sdbus::MethodCall)> pong)
-    : connection(ctx.connect()),
-      object(sdbus::createObject(*connection, "/com/tessaly/vantor/Service")) {
-  object->registerMethod(kInterface, "ServicePing", "", "", std::move(pong));
-}
-
-void RawService::checkIn(const std::string& id, const std::map<std::string, sdbus::Variant>& info,
-                         Reply done) {
-  object->finishRegistration();
-  daemon = sdbus::createProxy(*connection, "com.tessaly.vantor", "/com/tessaly/vantor");
-  daemon->callMethodAsync("ClientCheckin")
-      .onInterface("com.tessaly.vantor.Client")
-      .withArguments(
-          id,
-          sdbus::Struct<std::string, sdbus::ObjectPath>{
-              connection->getUniqueName(), sdbus::ObjectPath("/com/tessaly/vantor/Service")},
-          info)
-      .uponReplyInvoke(
-          [done = std::move(done)](const sdbus::Error* error, const VariantMap& reply) {
-            if (done)
-              done(error, reply);
-          });
-}
 
 Value::Dictionary callClient(sdbus::IConnection& client, const std::string& method,
                              const Value::Dictionary& info) {
@@ -54,13 +31,7 @@ Value::Dictionary callClient(sdbus::IConnection& client, const std::string& meth
 }
 
 Value::Dictionary counters(sdbus::IConnection& client) {
-  auto proxy = sdbus::createProxy(client, "com.tessaly.vantor", "/com/tessaly/vantor");
-  VariantMap answer;
-  proxy->callMethod("GetCounters")
-      .onInterface("com.tessaly.vantor.Admin")
-      .withTimeout(std::chrono::seconds(10))
-      .storeResultsTo(answer);
-  return fromVariantMap(answer);
+  return fromVariantMap(callAdmin<VariantMap>(client, "GetCounters"));
 }
 
 std::string setState(sdbus::IConnection& client, const std::string& key, const Value& value) {
@@ -132,13 +103,11 @@ std::vector<std::pair<int, std::uint64_t>> purgeRequests(ChildProcess& service) 
   std::vector<std::pair<int, std::uint64_t>> asked;
   for (const auto& line : service.lines()) {
     const auto at = line.find(kAmount);
-    if (line.size() < 8 || line.rfind("purge ", 0) != 0 || line[6] < '0' || line[6] > '9' ||
-        line[7] != ' ' || at == std::string::npos)
-      continue;
-    std::uint64_t amount = 0;
-    const char* begin = line.data() + at + kAmount.size();
-    const auto [end, error] = std::from_chars(begin, line.data() + line.size(), amount);
-    if (error == std::errc() && end != begin && *end == ';')
+    unsigned long long amount = 0;
+    char end = 0;
+    if (line.size() >= 8 && line.starts_with("purge ") && std::isdigit(line[6]) && line[7] == ' ' &&
+        at != std::string::npos &&
+        std::sscanf(line.c_str() + at + kAmount.size(), "%llu%c", &amount, &end) == 2 && end == ';')
       asked.emplace_back(line[6] - '0', amount);
   }
   return asked;
@@ -146,11 +115,9 @@ std::vector<std::pair<int, std::uint64_t>> purgeRequests(ChildProcess& service) 
 
 std::map<std::string, Value::Dictionary> namedEntries(sdbus::IConnection& client,
                                                       const std::string& method) {
-  auto proxy = sdbus::createProxy(client, "com.tessaly.vantor", "/com/tessaly/vantor");
-  std::vector<sdbus::Struct<std::string, VariantMap>> reply;
-  proxy->callMethod(method).onInterface("com.tessaly.vantor.Admin").storeResultsTo(reply);
   std::map<std::string, Value::Dictionary> out;
-  for (const auto& entry : reply)
+  for (const auto& entry :
+       callAdmin<std::vector<sdbus::Struct<std::string, VariantMap>>>(client, method))
     out.emplace(std::get<0>(entry), fromVariantMap(std::get<1>(entry)));
   return out;
 }

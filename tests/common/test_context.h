@@ -18,6 +18,9 @@
 #include "platform/values/value.h"
 #include "testkit/daemon_harness.h"
 
+// What every test against the daemon shares. This header brings GoogleTest,
+// sdbus-c++ and the standard containers and strings with it, so the tests
+// include only what they use beyond those.
 namespace vantor::test {
 
 using testkit::callForError;
@@ -62,31 +65,22 @@ class ClientTest : public ::testing::Test {
   std::unique_ptr<sdbus::IConnection> client_;
 };
 
-// A service on the raw bus rather than the example service: an object at the
-// service path on a connection of its own, answering the ping with `pong`.
-// Register any other methods on `object` before checkIn.
-struct RawService {
-  using Reply =
-      std::function<void(const sdbus::Error*, const std::map<std::string, sdbus::Variant>&)>;
-  static constexpr char kInterface[] = "com.tessaly.vantor.Service";
-  RawService(TestContext& ctx, std::function<void(sdbus::MethodCall)> pong);
-  // Finishes the object and checks in as `id` with `info`, asynchronously: a
-  // blocking call on the connection that serves the object would read the
-  // daemon's ping off the socket and leave it unanswered.
-  void checkIn(const std::string& id, const std::map<std::string, sdbus::Variant>& info,
-               Reply done = {});
-
-  std::unique_ptr<sdbus::IConnection> connection;
-  std::unique_ptr<sdbus::IObject> object;
-  std::unique_ptr<sdbus::IProxy> daemon;  // kept: a pending check-in dies with its proxy
-};
-
 // Calls a method of the client interface that takes and answers a
 // dictionary; throws sdbus::Error.
 Value::Dictionary callClient(sdbus::IConnection& client, const std::string& method,
                              const Value::Dictionary& info);
-// The daemon's live counters (the Admin interface's GetCounters); throws
-// sdbus::Error.
+// The answer of `method` of the Admin interface, which takes no arguments;
+// throws sdbus::Error.
+template <typename Reply>
+Reply callAdmin(sdbus::IConnection& client, const std::string& method) {
+  Reply reply;
+  sdbus::createProxy(client, "com.tessaly.vantor", "/com/tessaly/vantor")
+      ->callMethod(method)
+      .onInterface("com.tessaly.vantor.Admin")
+      .storeResultsTo(reply);
+  return reply;
+}
+// The daemon's live counters (GetCounters); throws sdbus::Error.
 Value::Dictionary counters(sdbus::IConnection& client);
 // Sets `key` of the client state (a null value removes it): the D-Bus error
 // name, or "" on success.

@@ -4,10 +4,7 @@
 
 #include <unistd.h>
 
-#include <filesystem>
 #include <future>
-
-#include <gtest/gtest.h>
 
 #include "common/test_context.h"
 #include "platform/values/dbus_value.h"
@@ -22,16 +19,6 @@ constexpr std::uint64_t kMiB = 1 << 20;
 
 class Admin : public ClientTest {
  protected:
-  // The answer of an Admin method that takes no arguments.
-  template <typename Reply>
-  Reply admin(const char* method) {
-    Reply reply;
-    sdbus::createProxy(*client_, "com.tessaly.vantor", "/com/tessaly/vantor")
-        ->callMethod(method)
-        .onInterface(kAdmin)
-        .storeResultsTo(reply);
-    return reply;
-  }
   Value::Dictionary call(const std::string& method, Value::Dictionary info) {
     return callClient(*client_, method, info);
   }
@@ -96,7 +83,7 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
   watcher->finishRegistration();
   auto service = checkedInService(ctx_, "com.example.a", {"--amount", "1048576"});
   using History = std::vector<VariantMap>;
-  EXPECT_TRUE(admin<History>("GetPurgeHistory").empty());
+  EXPECT_TRUE(callAdmin<History>(*client_, "GetPurgeHistory").empty());
 
   call("ClientPurgeableSpace", {{"VANTOR_VOLUME", Value("/")}});
   // Far more than the volume could free: every level is worked.
@@ -110,7 +97,7 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
   ASSERT_EQ(shares.size(), 2u);
   const std::uint64_t requests = shares.size(), sharesAsked = shares[0].second + shares[1].second;
 
-  const History purges = admin<History>("GetPurgeHistory");
+  const History purges = callAdmin<History>(*client_, "GetPurgeHistory");
   ASSERT_EQ(purges.size(), 1u);
   Value::Dictionary entry = fromVariantMap(purges[0]);
   EXPECT_EQ(entry["requestedBy"], Value("client"));
@@ -136,7 +123,7 @@ TEST_F(Admin, APurgesHistoryEntrySignalAndStatisticsMatchWhatItsServicesWereAske
   EXPECT_EQ(Value(fromSignal.get()), Value(entry));
   EXPECT_TRUE(ctx_.waitForLog("purge finished", seconds(10)));
 
-  auto stats = admin<std::map<std::string, VariantMap>>("GetStatistics");
+  auto stats = callAdmin<std::map<std::string, VariantMap>>(*client_, "GetStatistics");
   Value::Dictionary requested =
       fromVariantMap(stats["com.tessaly.vantor/VantorPurgeAmountRequested"]);
   EXPECT_EQ(requested["count"].uint64Value(), 1u);

@@ -1,8 +1,6 @@
 // The daily run of the real daemon with a short VANTOR_DAILY_INTERVAL_SECONDS:
 // who is asked, how often, and how the last run survives a restart.
 
-#include <gtest/gtest.h>
-
 #include "common/test_context.h"
 #include "support/volumes.h"
 

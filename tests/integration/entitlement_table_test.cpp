@@ -5,14 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <map>
 #include <set>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include "common/test_context.h"
 

@@ -8,20 +8,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <map>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include "common/test_context.h"
 #include "platform/files/read_file.h"
+#include "platform/values/dbus_value.h"
 #include "platform/values/plist_io.h"
 
 namespace vantor::test {
@@ -52,6 +44,60 @@ void expectServing(TestContext& ctx) {
   EXPECT_EQ(probeState(*client), "");
   EXPECT_FALSE(ctx.daemon().waitExit(milliseconds(0)));
 }
+
+using Handler = std::function<void(sdbus::MethodCall)>;
+
+// A handler that answers with `values`.
+template <typename... Values>
+Handler answering(Values... values) {
+  return [=](sdbus::MethodCall call) {
+    auto reply = call.createReply();
+    ((reply << values), ...);
+    reply.send();
+  };
+}
+
+// A service on the raw bus rather than the example service: an object at the
+// service path on a connection of its own, serving `methods` by name with the
+// output signature given (a ping not among them answers the pong). It checks in as `id`, asking to
+// purge and for notifications, and `checkedIn` records `id` once the daemon has taken it, or the
+// error. The check-in is asynchronous: a blocking call on the connection that serves the object
+// would read the daemon's ping off the socket and leave it unanswered.
+class RawService {
+ public:
+  RawService(TestContext& ctx, const std::string& id,
+             std::map<std::string, std::pair<std::string, Handler>> methods, SignalWatch& checkedIn)
+      : connection_(ctx.connect()),
+        object_(sdbus::createObject(*connection_, "/com/tessaly/vantor/Service")) {
+    methods.emplace("ServicePing", std::pair{"", answering()});
+    const std::map<std::string, std::string> inputs = {
+        {"ServicePing", ""}, {"ServiceNotify", "a{sv}"}, {"ServicePurgeable", "ia{sv}"}};
+    for (const auto& [name, method] : methods)
+      object_->registerMethod("com.tessaly.vantor.Service", name, inputs.at(name), method.first,
+                              method.second);
+    object_->finishRegistration();
+    const VariantMap info = {
+        {"PURGE", sdbus::Variant(true)},
+        {"VANTOR_NOTIFICATIONS", sdbus::Variant(std::vector<sdbus::Variant>{
+                                     sdbus::Variant(std::string("VANTOR_CACHE_ENABLED"))})}};
+    daemon_ = sdbus::createProxy(*connection_, "com.tessaly.vantor", "/com/tessaly/vantor");
+    daemon_->callMethodAsync("ClientCheckin")
+        .onInterface("com.tessaly.vantor.Client")
+        .withArguments(
+            id,
+            sdbus::Struct<std::string, sdbus::ObjectPath>{
+                connection_->getUniqueName(), sdbus::ObjectPath("/com/tessaly/vantor/Service")},
+            info)
+        .uponReplyInvoke([&checkedIn, id](const sdbus::Error* e, const VariantMap& reply) {
+          checkedIn.record(e ? e->getName() : reply.count("VANTOR_ID") ? id : "no id");
+        });
+  }
+
+ private:
+  std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<sdbus::IObject> object_;
+  std::unique_ptr<sdbus::IProxy> daemon_;  // kept: a pending check-in dies with its proxy
+};
 
 TEST(AServiceThatExits, AtEveryKindOfRequestLeavesItsCallerAnsweredAndTheDaemonServing) {
   TestContext ctx;
@@ -121,57 +167,38 @@ TEST(AServiceThatMisanswers, IsCountedOnceOrNotAtAllAndNobodyElseSuffers) {
   // ping with an error, one that adds to its pong, one whose purgeable answer
   // is an array, one that sends that answer twice and answers notifications
   // with garbage.
-  SignalWatch outcome;  // outlives the proxies and so every reply handler
-  const auto pong = [](sdbus::MethodCall call) { call.createReply().send(); };
-  RawService failing(ctx, [](sdbus::MethodCall call) {
-    call.createErrorReply(sdbus::Error("com.example.Broken", "no pong today")).send();
-  });
-  RawService noisy(ctx, [](sdbus::MethodCall call) {
-    auto reply = call.createReply();
-    reply << std::string("unexpected");
-    reply.send();
-  });
-  RawService array(ctx, pong);
-  RawService twice(ctx, pong);
+  SignalWatch outcome;  // outlives the services and so every reply handler
   std::atomic<int> failingNotified{0}, twiceNotified{0};
-  for (auto [service, count] : {std::pair{&failing, &failingNotified}, {&twice, &twiceNotified}}) {
-    service->object->registerMethod(RawService::kInterface, "ServiceNotify", "a{sv}", "",
-                                    [count](sdbus::MethodCall call) {
-                                      ++*count;
-                                      auto reply = call.createReply();
-                                      reply << std::string("garbage") << std::int32_t{42};
-                                      reply.send();
-                                    });
-  }
-  array.object->registerMethod(
-      RawService::kInterface, "ServicePurgeable", "ia{sv}", "av", [](sdbus::MethodCall call) {
-        auto reply = call.createReply();
-        reply << std::vector<sdbus::Variant>{sdbus::Variant(std::uint64_t{5})};
-        reply.send();
-      });
-  twice.object->registerMethod(RawService::kInterface, "ServicePurgeable", "ia{sv}", "a{sv}",
-                               [](sdbus::MethodCall call) {
-                                 for (int i = 0; i < 2; ++i) {
-                                   auto reply = call.createReply();
-                                   reply << std::map<std::string, sdbus::Variant>{
-                                       {"VANTOR_AMOUNT", sdbus::Variant(std::uint64_t{1000})}};
-                                   reply.send();
-                                 }
-                               });
-  const std::map<std::string, sdbus::Variant> info = {
-      {"PURGE", sdbus::Variant(true)},
-      {"VANTOR_NOTIFICATIONS", sdbus::Variant(std::vector<sdbus::Variant>{
-                                   sdbus::Variant(std::string("VANTOR_CACHE_ENABLED"))})}};
-  for (auto [service, id] : {std::pair{&failing, "com.example.failing"},
-                             {&noisy, "com.example.noisy"},
-                             {&array, "com.example.array"},
-                             {&twice, "com.example.twice"}}) {
-    service->checkIn(
-        id, info,
-        [&outcome, id](const sdbus::Error* e, const std::map<std::string, sdbus::Variant>& in) {
-          outcome.record(e ? e->getName() : in.count("VANTOR_ID") ? id : "no id");
-        });
-  }
+  const auto garbageCounting = [](std::atomic<int>& count) -> Handler {
+    return [&count](sdbus::MethodCall call) {
+      ++count;
+      answering(std::string("garbage"), std::int32_t{42})(call);
+    };
+  };
+  const auto errorPong = [](sdbus::MethodCall call) {
+    call.createErrorReply(sdbus::Error("com.example.Broken", "no pong today")).send();
+  };
+  const auto twoAnswers = [](sdbus::MethodCall call) {
+    const auto answer =
+        answering(VariantMap{{"VANTOR_AMOUNT", sdbus::Variant(std::uint64_t{1000})}});
+    answer(call);
+    answer(call);
+  };
+  RawService failing(
+      ctx, "com.example.failing",
+      {{"ServicePing", {"", errorPong}}, {"ServiceNotify", {"", garbageCounting(failingNotified)}}},
+      outcome);
+  RawService noisy(ctx, "com.example.noisy",
+                   {{"ServicePing", {"", answering(std::string("unexpected"))}}}, outcome);
+  RawService array(
+      ctx, "com.example.array",
+      {{"ServicePurgeable",
+        {"av", answering(std::vector<sdbus::Variant>{sdbus::Variant(std::uint64_t{5})})}}},
+      outcome);
+  RawService twice(ctx, "com.example.twice",
+                   {{"ServicePurgeable", {"a{sv}", twoAnswers}},
+                    {"ServiceNotify", {"", garbageCounting(twiceNotified)}}},
+                   outcome);
   for (const char* id : {"com.example.array", "com.example.twice"})
     ASSERT_TRUE(outcome.waitFor(id, seconds(20))) << ctx.daemonLog();
   // The two whose ping failed are given up.
@@ -209,18 +236,10 @@ TEST(AClientThatLeavesDuringItsPurge, LeavesThePurgeToFinishAndTheDaemonServing)
   ASSERT_TRUE(ctx.startDaemonGranting(kEverything, {{"VANTOR_LOG_LEVEL", "3"}}));
   auto slow = checkedInService(ctx, "com.example.slow", {"--delay-ms", "1500"});
   {
-    auto leaving = ctx.connect();
-    auto proxy = sdbus::createProxy(*leaving, "com.tessaly.vantor", "/com/tessaly/vantor");
-    proxy->callMethodAsync("ClientPurge")
-        .onInterface("com.tessaly.vantor.Client")
-        .withTimeout(seconds(130))
-        .withArguments(std::map<std::string, sdbus::Variant>{
-            {"VANTOR_VOLUME", sdbus::Variant(std::string("/"))},
-            {"VANTOR_AMOUNT", sdbus::Variant(std::uint64_t{1} << 20)},
-            {"VANTOR_URGENCY", sdbus::Variant(std::int32_t{1})}})
-        .uponReplyInvoke([](const sdbus::Error*, const std::map<std::string, sdbus::Variant>&) {});
+    ChildProcess leaving({VANTORCTL_BINARY, "--bus", ctx.busAddress(), "purge", "1M"}, {},
+                         ctx.directory() / "vantorctl.log");
     ASSERT_TRUE(slow->waitForLine("purge", seconds(20)));
-  }  // the client's connection closes here, its purge still running
+  }  // killed here, its connection closing with its purge still running
   EXPECT_TRUE(ctx.waitForLog("purge finished", seconds(30))) << ctx.daemonLog();
   expectServing(ctx);
 }

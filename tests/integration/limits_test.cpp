@@ -3,12 +3,6 @@
 // LimitsExceeded and one log line naming the peer, and the daemon serves on.
 // (Calls in progress per sender are covered by the flood in robustness_test.)
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
-
 #include "common/test_context.h"
 
 namespace vantor::test {

@@ -6,8 +6,6 @@
 
 #include <mutex>
 
-#include <gtest/gtest.h>
-
 #include "common/test_context.h"
 
 namespace vantor::test {

@@ -3,10 +3,7 @@
 // writes is in faults_test.)
 
 #include <limits>
-#include <map>
 #include <tuple>
-
-#include <gtest/gtest.h>
 
 #include "common/test_context.h"
 #include "platform/values/dbus_value.h"

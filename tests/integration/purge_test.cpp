@@ -10,8 +10,6 @@
 #include <future>
 #include <thread>
 
-#include <gtest/gtest.h>
-
 #include "common/test_context.h"
 
 namespace vantor::test {

@@ -2,8 +2,6 @@
 
 #include <limits>
 
-#include <gtest/gtest.h>
-
 #include "common/test_context.h"
 #include "platform/clock/clock.h"
 #include "support/recent_info.h"
@@ -46,13 +44,33 @@ TEST_F(PurgeableQuery, SumsEveryServiceAndAnswersAgainFromTheCache) {
             result);
 }
 
-TEST_F(PurgeableQuery, TheTotalSaturatesInsteadOfOverflowing) {
+TEST_F(PurgeableQuery, TheTotalSaturatesInsteadOfOverflowingAndRefusedInfoGetsTheErrorText) {
   start();
   auto a = checkedInService(ctx_, "com.example.a", {"--amount", "9223372036854775000"});
   auto b = checkedInService(ctx_, "com.example.b", {"--amount", "9223372036854775000"});
   auto result = queryFromCache({"com.example.a", "com.example.b"});
   EXPECT_EQ(result["com.example.a"], Value(std::uint64_t{9223372036854775000ULL}));
   EXPECT_EQ(result["VANTOR_TOTAL_AVAILABLE"], Value(std::numeric_limits<std::int64_t>::max()));
+
+  // Refused info: the answer is the error text alone; only local volumes
+  // count.
+  const std::vector<std::pair<Value::Dictionary, std::string>> cases = {
+      {{}, "no Volume key in info dict"},
+      {{{"VANTOR_VOLUME", Value(std::int64_t{5})}}, "no Volume key in info dict"},
+      {{{"VANTOR_VOLUME", Value("/no/such/volume")}}, "Unable to validate volume in info dict"},
+      {{{"VANTOR_VOLUME", Value("/proc")}}, "Unable to validate volume in info dict"},
+  };
+  for (const auto& [info, error] : cases) {
+    EXPECT_EQ(query(info),
+              (Value::Dictionary{{"VANTOR_ERROR", Value("Parameter error, " + error)}}))
+        << Value(info).description();
+  }
+  EXPECT_TRUE(ctx_.waitForLog(
+      "<3>Vantor: -[Vantor _checkInfo:] Unable to validate volume: /no/such/volume", seconds(5)));
+  // Info that is no dictionary never reaches the daemon's checks.
+  EXPECT_EQ(callForError(*client_, "ClientPurgeableSpace",
+                         [](sdbus::MethodCall& call) { call << std::string("not a dict"); }),
+            "org.freedesktop.DBus.Error.InvalidArgs");
 }
 
 TEST_F(PurgeableQuery, CountsADoNotQueryServiceFromTheCacheOnly) {
@@ -124,28 +142,6 @@ TEST_F(PurgeableQuery, UrgencyFourExtendsTheWaitFiveTimes) {
   queryRoot();
   EXPECT_EQ(ctx_.logCount("^^^asking com.example.mute "), 1u);
   EXPECT_TRUE(mute->waitForLine("purgeable 4 ", seconds(5)));
-}
-
-// The answer is the error text alone; only local volumes count.
-TEST_F(PurgeableQuery, RefusedInfoComesBackAsTheErrorText) {
-  start();
-  const std::vector<std::pair<Value::Dictionary, std::string>> cases = {
-      {{}, "no Volume key in info dict"},
-      {{{"VANTOR_VOLUME", Value(std::int64_t{5})}}, "no Volume key in info dict"},
-      {{{"VANTOR_VOLUME", Value("/no/such/volume")}}, "Unable to validate volume in info dict"},
-      {{{"VANTOR_VOLUME", Value("/proc")}}, "Unable to validate volume in info dict"},
-  };
-  for (const auto& [info, error] : cases) {
-    EXPECT_EQ(query(info),
-              (Value::Dictionary{{"VANTOR_ERROR", Value("Parameter error, " + error)}}))
-        << Value(info).description();
-  }
-  EXPECT_TRUE(ctx_.waitForLog(
-      "<3>Vantor: -[Vantor _checkInfo:] Unable to validate volume: /no/such/volume", seconds(5)));
-  // Info that is no dictionary never reaches the daemon's checks.
-  EXPECT_EQ(callForError(*client_, "ClientPurgeableSpace",
-                         [](sdbus::MethodCall& call) { call << std::string("not a dict"); }),
-            "org.freedesktop.DBus.Error.InvalidArgs");
 }
 
 }  // namespace

@@ -9,15 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <map>
 #include <mutex>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include "common/test_context.h"
 

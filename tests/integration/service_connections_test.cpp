@@ -2,10 +2,6 @@
 // misanswer: faults_test. Lists and dictionaries as other bindings send them,
 // and those refused, convert as client state's do: persistent_state_test.)
 
-#include <filesystem>
-
-#include <gtest/gtest.h>
-
 #include "common/test_context.h"
 
 namespace vantor::test {

@@ -7,9 +7,6 @@
 #include <future>
 #include <mutex>
 
-#include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
-
 #include "common/test_context.h"
 #include "platform/values/dbus_value.h"
 #include "vantor_service_kit.h"

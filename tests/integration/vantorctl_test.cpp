@@ -3,16 +3,10 @@
 
 #include <sys/wait.h>
 
-#include <chrono>
 #include <fstream>
-#include <map>
-#include <optional>
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "common/test_context.h"
@@ -65,47 +59,6 @@ Outcome runOn(const TestContext& ctx, std::vector<std::string> args) {
 // exactly one JSON value.
 nlohmann::json parseJson(const std::string& text) {
   return nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
-}
-
-TEST(VantorctlState, StoresTypedValuesReadsThemBackAndRemovesThem) {
-  TestContext ctx;
-  ASSERT_TRUE(ctx.startDaemonGranting({"CLIENT_ENTITLEMENT"}));
-
-  const std::string awkward = "say \"hi\"\n\tback\\slash \x01 and caf\xc3\xa9";
-  const struct {
-    std::string type, text;
-    nlohmann::json expected;
-    std::string human;
-  } cases[] = {
-      {"string", awkward, awkward, awkward + "\n"},
-      {"integer", "-42", -42, "-42\n"},
-      {"boolean", "yes", true, "true\n"},
-      {"real", "2.5", 2.5, "2.5\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.type);
-    const std::string key = "KEY_" + c.type;
-    const Outcome set = runOn(ctx, {"state", "set", "--type", c.type, key, c.text});
-    ASSERT_EQ(set.exitCode, 0) << set;
-    EXPECT_EQ(set.out, "");
-
-    const Outcome json = runOn(ctx, {"--json", "state", "get", key});
-    ASSERT_EQ(json.exitCode, 0) << json;
-    EXPECT_EQ(parseJson(json.out), (nlohmann::json{{"key", key}, {"value", c.expected}}))
-        << json.out;
-    EXPECT_EQ(runOn(ctx, {"state", "get", key}).out, c.human);
-  }
-
-  // DBUS_SYSTEM_BUS_ADDRESS leads to the same bus without --bus.
-  const Outcome viaEnv = runVantorctl({"state", "get", "KEY_boolean"},
-                                      {{"DBUS_SYSTEM_BUS_ADDRESS", ctx.busAddress()}});
-  EXPECT_EQ(viaEnv.exitCode, 0) << viaEnv;
-  EXPECT_EQ(viaEnv.out, "true\n");
-
-  ASSERT_EQ(runOn(ctx, {"state", "unset", "KEY_integer"}).exitCode, 0);
-  EXPECT_EQ(runOn(ctx, {"state", "get", "KEY_integer"}).out, "(null)\n");
-  EXPECT_EQ(parseJson(runOn(ctx, {"state", "get", "KEY_integer", "--json"}).out),
-            (nlohmann::json{{"key", "KEY_integer"}, {"value", nullptr}}));
 }
 
 TEST(VantorctlArguments, BadOnesExitWith2AndTheUsageBeforeAnythingIsSent) {
@@ -251,9 +204,10 @@ std::map<std::string, double> prometheusSamples(const std::string& text) {
   return samples;
 }
 
-// The daemon's own answers are checked in admin_test and purgeable_query_test;
-// here, how they show. No check stops the test: each rule is judged alone.
-TEST(VantorctlQueries, ShowPurgeableSpaceServicesHistoryAndStatisticsAsTablesJsonAndPrometheus) {
+// The daemon's own answers are checked in admin_test, purgeable_query_test
+// and persistent_state_test; here, how they show. No check stops the test:
+// each rule is judged alone.
+TEST(VantorctlQueries, ShowStatePurgeableSpaceServicesHistoryAndStatisticsAsTextJsonAndPrometheus) {
   TestContext ctx;
   ASSERT_TRUE(ctx.startDaemonGranting(
       {"CLIENT_ENTITLEMENT", "SERVICE_ENTITLEMENT", "PURGEABLE_ENTITLEMENT", "PURGE_ENTITLEMENT"},
@@ -271,6 +225,35 @@ TEST(VantorctlQueries, ShowPurgeableSpaceServicesHistoryAndStatisticsAsTablesJso
     args.insert(args.begin(), "--json");
     return parseJson(run(args).out);
   };
+
+  // Typed values are stored, read back as text and as JSON, and removed.
+  const std::string awkward = "say \"hi\"\n\tback\\slash \x01 and caf\xc3\xa9";
+  const struct {
+    std::string type, text;
+    nlohmann::json expected;
+    std::string human;
+  } cases[] = {
+      {"string", awkward, awkward, awkward + "\n"},
+      {"integer", "-42", -42, "-42\n"},
+      {"boolean", "yes", true, "true\n"},
+      {"real", "2.5", 2.5, "2.5\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type);
+    const std::string key = "KEY_" + c.type;
+    EXPECT_EQ(run({"state", "set", "--type", c.type, key, c.text}).out, "");
+    EXPECT_EQ(json({"state", "get", key}), (nlohmann::json{{"key", key}, {"value", c.expected}}));
+    EXPECT_EQ(run({"state", "get", key}).out, c.human);
+  }
+  // DBUS_SYSTEM_BUS_ADDRESS leads to the same bus without --bus.
+  const Outcome viaEnv = runVantorctl({"state", "get", "KEY_boolean"},
+                                      {{"DBUS_SYSTEM_BUS_ADDRESS", ctx.busAddress()}});
+  EXPECT_EQ(viaEnv.exitCode, 0) << viaEnv;
+  EXPECT_EQ(viaEnv.out, "true\n");
+  run({"state", "unset", "KEY_integer"});
+  EXPECT_EQ(run({"state", "get", "KEY_integer"}).out, "(null)\n");
+  EXPECT_EQ(json({"state", "get", "KEY_integer"}),
+            (nlohmann::json{{"key", "KEY_integer"}, {"value", nullptr}}));
 
   // A path stands for the volume holding it (/usr/bin is on / here).
   EXPECT_EQ(json({"purgeable", "--urgency", "4", "/usr/bin"}),
