@@ -13,8 +13,8 @@ using Words = std::vector<std::string>;
 // The command, then every field that differs from its default; for a refused
 // line, the command whose usage it shows.
 std::string parsed(Words words) {
-  words.insert(words.begin(), "vantorctl");
-  std::vector<char*> argv;
+  std::string program = "vantorctl";
+  std::vector<char*> argv{program.data()};
   for (std::string& word : words)
     argv.push_back(word.data());
   CommandLine l;
