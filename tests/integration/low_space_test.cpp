@@ -2,7 +2,7 @@
 // variables: the LowSpace signal, the fixed purge, the repeat, and no event
 // while nobody could purge or while the last one is still being handled.
 // (Hysteresis and the order of events are asserted on VolumeCondition in
-// low_space_condition_test.)
+// maintenance_test.)
 
 #include <mutex>
 
