@@ -193,12 +193,15 @@ TEST_P(TrashResolving, RemovesNothingOutsideThroughALinkOrAMountInside) {
   trashed("link", 40 * kDay);
 
   // The child, in a mount namespace of its own with the outside mounted in.
+  // Where mounts cannot be made private (a chroot whose root is no mount
+  // point, a container), the test is skipped rather than failed.
   const std::string child =
       "mount --make-rprivate / && mount --bind '" + outside.string() + "' '" +
       item("tree/mnt").string() + "' || exit 77; exec env -u VANTOR_CACHEDIR_NO_OPENAT2 " +
       (GetParam() ? "" : "VANTOR_CACHEDIR_NO_OPENAT2=1 ") + kChildVariable + "='" +
       trash_.string() + "' '" + fs::read_symlink("/proc/self/exe").string() + "'";
-  const int status = std::system(("unshare -m /bin/sh -c \"" + child + "\"").c_str());
+  const int status =
+      std::system(("unshare -m --propagation unchanged /bin/sh -c \"" + child + "\"").c_str());
   ASSERT_TRUE(WIFEXITED(status));
   if (WEXITSTATUS(status) == 77)
     GTEST_SKIP() << "cannot bind-mount in a private mount namespace";
