@@ -168,7 +168,9 @@ class Harness:
             port = s.getsockname()[1]
         self.spawn("cockpit-ws", [COCKPIT_WS, "--no-tls", "--local-session=cockpit-bridge",
                                   "--port", str(port), "--address", "127.0.0.1"],
-                   env={"DBUS_SYSTEM_BUS_ADDRESS": self.bus, "LANG": "C.UTF-8",
+                   # The bridge starts a session bus of its own when it finds none, and
+                   # that bus outlives it: the private bus serves as its session bus too.
+                   env={"DBUS_SYSTEM_BUS_ADDRESS": self.bus, "DBUS_SESSION_BUS_ADDRESS": self.bus, "LANG": "C.UTF-8",
                         "XDG_DATA_DIRS": f"{data}:/usr/share", "XDG_DATA_HOME": os.path.join(self.dir, "home")})
         self.url = f"http://127.0.0.1:{port}/cockpit/@localhost/vantor/index.html"
 
