@@ -168,9 +168,11 @@ class Harness:
             port = s.getsockname()[1]
         self.spawn("cockpit-ws", [COCKPIT_WS, "--no-tls", "--local-session=cockpit-bridge",
                                   "--port", str(port), "--address", "127.0.0.1"],
-                   # The bridge starts a session bus of its own when it finds none, and
-                   # that bus outlives it: the private bus serves as its session bus too.
-                   env={"DBUS_SYSTEM_BUS_ADDRESS": self.bus, "DBUS_SESSION_BUS_ADDRESS": self.bus, "LANG": "C.UTF-8",
+                   # The bridge starts a session bus and an SSH agent of its own when it
+                   # finds none, and both outlive it: the private bus serves as its session
+                   # bus too, and the agent's socket is named (nothing listens there).
+                   env={"DBUS_SYSTEM_BUS_ADDRESS": self.bus, "DBUS_SESSION_BUS_ADDRESS": self.bus,
+                        "SSH_AUTH_SOCK": os.path.join(self.dir, "agent"), "LANG": "C.UTF-8",
                         "XDG_DATA_DIRS": f"{data}:/usr/share", "XDG_DATA_HOME": os.path.join(self.dir, "home")})
         self.url = f"http://127.0.0.1:{port}/cockpit/@localhost/vantor/index.html"
 
